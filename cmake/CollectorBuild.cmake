@@ -1,0 +1,76 @@
+# Compiler settings that every target of the project shares.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS ON)
+set(CMAKE_C_STANDARD 99)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "" FORCE)
+endif()
+
+find_program(COLLECTOR_CCACHE ccache)
+if(COLLECTOR_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_C_COMPILER_LAUNCHER ${COLLECTOR_CCACHE})
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${COLLECTOR_CCACHE})
+endif()
+
+find_package(Threads REQUIRED)
+find_package(OpenSSL REQUIRED)
+
+include_directories(${CMAKE_SOURCE_DIR})
+add_compile_options(-Wall -Wextra -Wpointer-arith -Wcast-qual
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor> -fno-strict-aliasing)
+if(COLLECTOR_WERROR)
+    add_compile_options(-Werror)
+endif()
+
+if(COLLECTOR_SANITIZE STREQUAL "address")
+    add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined
+        -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=address,undefined)
+elseif(COLLECTOR_SANITIZE STREQUAL "thread")
+    add_compile_options(-fsanitize=thread)
+    add_link_options(-fsanitize=thread)
+else()
+    # A collector reads what anyone may write: every binary carries the hardening that costs
+    # next to nothing at run time.
+    add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection=full
+        $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+    add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+    include(CheckPIESupported)
+    check_pie_supported()
+endif()
+
+# collector_test(NAME SOURCES a.cpp ... LIBRARIES x y [LABELS ...] [TIMEOUT s] [ENVIRONMENT a=b ...])
+# builds one GoogleTest program and registers each of its cases with ctest.
+function(collector_test name)
+    cmake_parse_arguments(T "SERIAL" "TIMEOUT;LOCK" "SOURCES;LIBRARIES;LABELS;ENVIRONMENT" ${ARGN})
+    if(NOT T_TIMEOUT)
+        set(T_TIMEOUT 120)
+    endif()
+    add_executable(${name} ${T_SOURCES})
+    target_link_libraries(${name} PRIVATE ${T_LIBRARIES} GTest::gmock GTest::gtest_main
+        Threads::Threads)
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+    set(properties TIMEOUT ${T_TIMEOUT})
+    if(T_LABELS)
+        list(APPEND properties LABELS "${T_LABELS}")
+    endif()
+    if(T_ENVIRONMENT)
+        list(APPEND properties ENVIRONMENT "${T_ENVIRONMENT}")
+    endif()
+    if(T_LOCK)
+        list(APPEND properties RESOURCE_LOCK ${T_LOCK})
+    endif()
+    if(T_SERIAL)
+        list(APPEND properties RUN_SERIAL TRUE)
+    endif()
+    gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 120
+        PROPERTIES ${properties})
+endfunction()
