@@ -47,7 +47,8 @@ else()
     check_pie_supported()
 endif()
 
-# collector_test(NAME SOURCES a.cpp ... LIBRARIES x y [LABELS ...] [TIMEOUT s] [ENVIRONMENT a=b ...])
+# collector_test(NAME SOURCES a.cpp ... LIBRARIES x y [LABELS ...] [TIMEOUT s] [LOCK resource]
+#                [SERIAL] [ENVIRONMENT a=b ...])
 # builds one GoogleTest program and registers each of its cases with ctest.
 function(collector_test name)
     cmake_parse_arguments(T "SERIAL" "TIMEOUT;LOCK" "SOURCES;LIBRARIES;LABELS;ENVIRONMENT" ${ARGN})

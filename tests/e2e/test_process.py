@@ -4,7 +4,7 @@ import signal
 import subprocess
 
 import kit_path  # noqa: F401
-from daemon_kit import BUILD, DaemonTest, main, wait_for
+from daemon_kit import BUILD, DaemonTest, main, private_command, wait_for
 
 WIDTH = 40
 TRIM_AT = 10_485_760
@@ -200,7 +200,8 @@ class Process(DaemonTest):
                 words = open(f"/proc/{pid}/cmdline", "rb").read().split(b"\0")
             except OSError:
                 continue
-            if words[0].endswith(b"velmor_siem_collector") and str(self.conf_path).encode() in words:
+            ours = str(self.conf_path).encode() in words
+            if ours and words[0].endswith(b"velmor_siem_collector"):
                 return int(pid)
         return None
 
@@ -241,7 +242,7 @@ class Process(DaemonTest):
         receiver = self.receiver()
         self.configure(receiver.port)
         self.write("a.log", self.numbered(1, 10, WIDTH))
-        command = self.private_command() + [
+        command = private_command(self.private) + [
             "sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", str(BUILD / "bin/velmor_siem_collector"),
             "-c", str(self.conf_path)]
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, cwd=self.folder)

@@ -35,8 +35,8 @@ private=$1; shift
 lock=$(readlink -f /var/lock || echo /run/lock)
 if [ ! -d "$lock" ]; then mount -t tmpfs none "${lock%/*}"; mkdir -p "$lock"; fi
 mount --bind "$private/lock" "$lock"
-mount --bind "$private/log" /var/log
-mount --bind "$private/opt" /opt
+[ ! -d "$private/log" ] || mount --bind "$private/log" /var/log
+[ ! -d "$private/opt" ] || mount --bind "$private/opt" /opt
 exec "$@"
 """
 
@@ -50,7 +50,7 @@ def _find_namespace():
     """The command that begins a private namespace here, or None."""
     for command in _namespace_commands():
         with tempfile.TemporaryDirectory() as folder:
-            _make_private(Path(folder))
+            make_private(Path(folder))
             try:
                 done = subprocess.run(
                     command + ["sh", "-c", PRIVATE_PATHS, "sh", folder, "true"], check=False,
@@ -62,8 +62,8 @@ def _find_namespace():
     return None
 
 
-def _make_private(folder):
-    for name in ("lock", "log", "opt"):
+def make_private(folder, names=("lock", "log", "opt")):
+    for name in names:
         (folder / name).mkdir(parents=True, exist_ok=True)
 
 
@@ -74,6 +74,13 @@ def namespace():
     if not _namespace:
         _namespace.append(_find_namespace())
     return _namespace[0]
+
+
+def private_command(folder):
+    """What to put in front of a command so that it sees the folder's lock, log and opt."""
+    if namespace() is None:
+        return []
+    return namespace() + ["sh", "-c", PRIVATE_PATHS, "sh", str(folder)]
 
 
 def wait_for(condition, what, budget=BUDGET_SECONDS):
@@ -164,10 +171,13 @@ def text_of(event):
 
 
 class Daemon:
-    """One run of the daemon; several runs of one test share its folder."""
+    """One run of the daemon; several runs of one test share its folder.
+
+    `rig` is a DaemonTest, or anything with its folder, private, conf_path, log_path, daemons and
+    sanitizer_environment().
+    """
 
     def __init__(self, rig, *args, conf=None, scale=None, env=None, log=True, wait=True):
-        self.rig = rig
         self.log_path = rig.log_path
         environment = {k: v for k, v in os.environ.items() if not k.startswith("COLLECTOR_")}
         environment.update(rig.sanitizer_environment())
@@ -186,7 +196,7 @@ class Daemon:
             self.log_path.unlink()
         with open(self.out, "wb") as out, open(self.err, "wb") as err:
             self.process = subprocess.Popen(
-                rig.private_command() + preload + command, env=environment, cwd=rig.folder,
+                private_command(rig.private) + preload + command, env=environment, cwd=rig.folder,
                 stdin=subprocess.DEVNULL, stdout=out, stderr=err)
         rig.daemons.append(self)
         if wait:
@@ -241,7 +251,7 @@ class DaemonTest(unittest.TestCase):
         self.daemons, self.receivers = [], []
         self.addCleanup(self._end_all)
         self.private = self.folder / "private"
-        _make_private(self.private)
+        make_private(self.private)
         self.input = self.folder / "in"
         self.input.mkdir()
         self.bookmarks = self.folder / "bookmarks"
@@ -258,11 +268,6 @@ class DaemonTest(unittest.TestCase):
     def need_namespace(self):
         if namespace() is None:
             self.skipTest("needs a mount namespace for the fixed system paths")
-
-    def private_command(self):
-        if namespace() is None:
-            return []
-        return namespace() + ["sh", "-c", PRIVATE_PATHS, "sh", str(self.private)]
 
     def sanitizer_environment(self):
         log = self.folder / "sanitizer"

@@ -79,7 +79,7 @@ def is_script(tree, name):
 
 
 def check_lines(tree):
-    wide = {".md", ".txt", ".json", ".scd", ".conf"}  # tables and data set their own width
+    wide = {".md", ".txt", ".json", ".scd", ".conf", ".def"}  # tables set their own width
     for name in tree.files:
         suffix = Path(name).suffix
         if suffix not in TEXT_SUFFIXES and not is_script(tree, name):
