@@ -8,6 +8,7 @@
 ///
 /// The blocks themselves are in bodies_alert.h, bodies_flow.h, bodies_syslog.h, bodies_windows.h.
 #include <cstdint>
+#include <span>
 
 #include "ruv/conn.h"
 #include "ruv/record.h"
@@ -46,13 +47,11 @@ struct body_form {
     uint32_t type;
     int first_ver, last_ver;    ///< record versions that use this form
     int first_sver, last_sver;  ///< zero-based sub-versions; all of them for versions 1 to 5
-    int size;                   ///< bytes of the block
+    size_t size;                ///< bytes of the block
     int rows;                   ///< custom-field rows that the block carries
     void (*fill)(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-    const body_slice *slices;  ///< what travels of the block; null: all of it
-    int slice_count;
-    const body_part *parts;
-    int part_count;
+    std::span<const body_slice> slices;  ///< what travels of the block; empty: all of it
+    std::span<const body_part> parts;    ///< what follows it, in wire order
 };
 
 /// The form of a record, or null when its type has none for that version and sub-version.
