@@ -22,7 +22,8 @@ extern lock_word bm_file_lock;
 extern char bm_filename[256];  // path of the bookmark file; written by bookmark_set_directory()
 
 // Sets the bookmark file to "ft_bookmark" in `directory`; an earlier file is closed. A path of
-// more than 255 bytes makes every operation fail as an open error. Call while no worker runs.
+// more than 255 bytes makes every operation fail as an open error. Call while no worker runs; the
+// directory that is set already may be set again at any time.
 void bookmark_set_directory(const wchar_t *directory);
 
 // Closes the bookmark file and frees the index. The store opens it again when it is used again.
@@ -46,7 +47,7 @@ int update_bookmark_at(int fd, fdesc *bm, uint64_t position);
 
 // Looks the record of `bm` up and sets its location to where reading must go on. Returns 1 when a
 // record was found; 0 when there is none, or no such file (any more); -1 when the file or the
-// bookmark file could not be opened just now: nothing is known, and nothing was changed.
+// bookmark file could not be opened just now (errno says why): nothing is known about the record.
 int get_bookmark(fdesc *bm);
 
 // Removes the record of `path`, if any; later records move up in one write and keep their order.

@@ -35,9 +35,11 @@ struct fdesc {
     uint32_t t;  // tail checksum of the record, as last written or found
     uint8_t d;   // 1 = not yet met in the current scan of the directory
 
-    uint8_t unsaved;  // 1 = the last bookmark write failed: `l` is newer than the record
-    uint8_t settled;  // 1 = `sight` was taken well after the file's last change
-    uint8_t at_end;   // set by the reader: 1 = it stopped because no complete event was left
+    uint8_t known;     // 1 = `l`, `h` and `t` were written to the record or found in it
+    uint8_t unsaved;   // 1 = the last bookmark write failed: `l` is newer than the record
+    uint8_t unlisted;  // 1 = the last look-up found no record
+    uint8_t settled;   // 1 = `sight` was taken well after the file's last change
+    uint8_t at_end;    // set by the reader: 1 = it stopped because no complete event was left
     file_sight sight;
     char *drain;  // renamed file whose unread rest comes first, else null; owned
 };

@@ -1,0 +1,311 @@
+#include "filetail/discovery.h"
+
+#include <dirent.h>
+#include <fnmatch.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "config/plugin_record.h"
+#include "config/siem_config.h"
+#include "core/siemcollector_log.h"
+#include "core/utils.h"
+#include "filetail/bookmark.h"
+#include "filetail/bookmark_format.h"
+#include "filetail/path_index.h"
+#include "filetail/rotation.h"
+#include "filetail/ruv.h"
+#include "filetail/sight.h"
+
+struct tail_lookup {
+    path_index tracked;  // path -> position in the group's list
+    path_index refused;  // paths that were refused with an ERROR; the number means nothing
+};
+
+namespace {
+
+constexpr int32_t kFirstRoom = 16;  // files
+constexpr char kDefaultLog[] = "/var/log/velmor/siem_collector.log";
+
+struct free_text {
+    void operator()(char *text) const { std::free(text); }
+};
+using text = std::unique_ptr<char, free_text>;
+
+struct close_directory {
+    void operator()(DIR *directory) const { closedir(directory); }
+};
+using directory_handle = std::unique_ptr<DIR, close_directory>;
+
+struct free_file {
+    void operator()(fdesc *file) const { free_fdesc(file); }
+};
+using new_file = std::unique_ptr<fdesc, free_file>;
+
+uint64_t hash_of(const char *path) {
+    return path_hash(path, strlen(path));
+}
+
+fdesc *find_tracked(const ft_bm *group, const char *path) {
+    const uint64_t hash = hash_of(path);
+    uint32_t cursor = 0;
+    for (int32_t i; (i = path_index_next(&group->lookup->tracked, hash, &cursor)) >= 0;) {
+        if (strcmp(group->f[i]->n, path) == 0) return group->f[i];
+    }
+    return nullptr;
+}
+
+bool append_file(ft_bm *group, fdesc *file) {
+    if (group->fc == group->room) {
+        const int32_t room = group->room ? group->room * 2 : kFirstRoom;
+        auto *list = static_cast<fdesc **>(
+            std::realloc(group->f, static_cast<size_t>(room) * sizeof(fdesc *)));
+        if (!list) return false;
+        group->f = list;
+        group->room = room;
+    }
+    if (!path_index_add(&group->lookup->tracked, hash_of(file->n), group->fc)) return false;
+    group->f[group->fc++] = file;
+    return true;
+}
+
+bool has_path(const wchar_t *wide, const char *otherwise, const char *suffix,
+              std::string_view path) {
+    const text narrow(wide ? wstrtostr(wide) : strdup(otherwise));
+    if (!narrow || path.substr(0, strlen(narrow.get())) != narrow.get()) return false;
+    path.remove_prefix(strlen(narrow.get()));
+    return path.empty() || path == suffix;
+}
+
+bool is_open_as(int fd, const struct stat &st) {
+    struct stat other;
+    return fstat(fd, &other) == 0 && other.st_dev == st.st_dev && other.st_ino == st.st_ino;
+}
+
+// Tailing what the collector itself writes would never come to an end: each event makes the next.
+// The log is also known by name, since trimming puts other files there for a moment.
+bool is_own_file(const char *path, const struct stat &st) {
+    return is_open_as(STDERR_FILENO, st) || is_open_as(STDOUT_FILENO, st) ||
+           is_bookmark_file(st.st_dev, st.st_ino) || strcmp(path, bm_filename) == 0 ||
+           has_path(conf.log, kDefaultLog, ".tmp", path);
+}
+
+// True when the path is too long for a record. It is reported once and passed over from then on.
+bool is_refused(ft_bm *group, const char *path) {
+    if (strlen(path) <= kBookmarkPathLimit) return false;
+    const uint64_t hash = hash_of(path);
+    uint32_t cursor = 0;
+    if (path_index_next(&group->lookup->refused, hash, &cursor) >= 0) return true;
+    path_index_add(&group->lookup->refused, hash, 0);
+    logger(kLogError, "Error: path is longer than %zu bytes. Invalid file %s", kBookmarkPathLimit,
+           path);
+    return true;
+}
+
+fdesc *make_fdesc(ft_bm *group, const char *path) {
+    auto *file = static_cast<fdesc *>(std::calloc(1, sizeof(fdesc)));
+    if (!file) return nullptr;
+    file->p = group;
+    file->n = strdup(path);
+    if (file->n) return file;
+    std::free(file);
+    return nullptr;
+}
+
+// Where a file without a bookmark begins.
+uint64_t start_of_new_file(const ft_bm *group, const char *path) {
+    if (group->p->ft.ft_start_top) return 0;
+    struct stat st;
+    if (stat(path, &st) == 0) return static_cast<uint64_t>(st.st_size);
+    logger(kLogError, "Error: unable to get file length. Invalid file %s", path);
+    return 0;
+}
+
+// True when a look-up that told nothing may tell something at the next scan. A bookmark file that
+// cannot be used at all must not keep the events back.
+bool is_passing_failure(const fdesc *file, int reason) {
+    return file->sight.inode == 0 || reason == EMFILE || reason == ENFILE || reason == ENOMEM ||
+           reason == EIO;
+}
+
+// Opens the file and writes its first bookmark. False when it cannot be read.
+bool write_first_bookmark(fdesc *file, bool readable) {
+    const int fd = readable ? open_regular(file->n) : -1;
+    if (fd < 0) {
+        logger(kLogError, "Error: unable to read from file. Invalid file %s", file->n);
+        return false;
+    }
+    update_bookmark_at(fd, file, 0);
+    close(fd);
+    return true;
+}
+
+// What is known to be no file without asking for its status.
+bool is_never_tailed(const dirent *entry) {
+    return entry->d_type != DT_REG && entry->d_type != DT_LNK && entry->d_type != DT_UNKNOWN;
+}
+
+struct scan {
+    text directory;  // ends in "/"
+    text filter;
+    text path;  // the directory, with room for a name behind it
+    size_t prefix;
+};
+
+bool begin_scan(const plugin *owner, scan *what) {
+    what->directory.reset(wstrtostr(owner->ft.ft_dir));
+    what->filter.reset(wstrtostr(owner->ft.ft_filter));
+    if (!what->directory || !what->filter) return false;
+    what->prefix = strlen(what->directory.get());
+    what->path.reset(static_cast<char *>(std::malloc(what->prefix + NAME_MAX + 1)));
+    if (!what->path) return false;
+    memcpy(what->path.get(), what->directory.get(), what->prefix);
+    return true;
+}
+
+void scan_entry(ft_bm *group, const scan &what, const dirent *entry) {
+    if (log_enabled(kLogDebug)) {
+        logger(kLogDebug, "Adding file: (%jd)%s because it did match the filter: %s",
+               static_cast<intmax_t>(entry->d_off), entry->d_name, what.filter.get());
+    }
+    if (is_never_tailed(entry)) return;
+    memcpy(what.path.get() + what.prefix, entry->d_name, strlen(entry->d_name) + 1);
+    add_new_file(group, what.path.get());
+}
+
+// Reads the directory to its end. Returns the number of matching entries; *complete tells whether
+// every entry was seen.
+int scan_directory(ft_bm *group, const scan &what, DIR *directory, bool *complete) {
+    int matched = 0;
+    const dirent *entry;
+    while (errno = 0, (entry = readdir(directory)) != nullptr) {
+        if (fnmatch(what.filter.get(), entry->d_name, 0) != FNM_NOMATCH) {
+            scan_entry(group, what, entry);
+            ++matched;
+        } else if (log_enabled(kLogDiag)) {
+            logger(kLogDiag, "Did not add file: (%jd)%s because it did not match the filter: %s",
+                   static_cast<intmax_t>(entry->d_off), entry->d_name, what.filter.get());
+        }
+    }
+    *complete = errno == 0;
+    return matched;
+}
+
+void remove_file(fdesc *file) {
+    logger(kLogDebug, "Removing %s because it was not detected in the directory", file->n);
+    delete_bookmark(file->n);
+    free_fdesc(file);
+}
+
+// Drops the files that the scan did not meet. A file whose renamed predecessor is still being read
+// stays until that is done.
+void drop_vanished(ft_bm *group) {
+    int32_t kept = 0;
+    bool just_removed = false;
+    for (int32_t i = 0; i < group->fc; ++i) {
+        fdesc *file = group->f[i];
+        // Kept: the file behind a removed one stays until the next scan even when it has vanished
+        // too, because closing the gap moves it into a place that this scan has already passed.
+        const bool remove = file->d && !file->drain && !just_removed;
+        just_removed = remove;
+        if (remove) {
+            remove_file(file);
+        } else {
+            group->f[kept++] = file;
+        }
+    }
+    if (kept == group->fc) return;
+    group->fc = kept;
+    path_index_clear(&group->lookup->tracked);
+    for (int32_t i = 0; i < kept; ++i) {
+        path_index_add(&group->lookup->tracked, hash_of(group->f[i]->n), i);
+    }
+}
+
+}  // namespace
+
+ft_bm *new_tail_group(plugin *owner) {
+    auto *group = static_cast<ft_bm *>(std::calloc(1, sizeof(ft_bm)));
+    auto *lookup = static_cast<tail_lookup *>(std::calloc(1, sizeof(tail_lookup)));
+    if (!group || !lookup) {
+        std::free(group);
+        std::free(lookup);
+        return nullptr;
+    }
+    group->p = owner;
+    group->lookup = lookup;
+    return group;
+}
+
+void free_tail_group(ft_bm *group) {
+    if (!group) return;
+    for (int32_t i = 0; i < group->fc; ++i) free_fdesc(group->f[i]);
+    std::free(group->f);
+    path_index_free(&group->lookup->tracked);
+    path_index_free(&group->lookup->refused);
+    std::free(group->lookup);
+    std::free(group->t);
+    std::free(group);
+}
+
+void free_fdesc(fdesc *file) {
+    if (!file) return;
+    std::free(file->n);
+    std::free(file->drain);
+    std::free(file);
+}
+
+int update_file_list(ft_bm *group) {
+    scan what;
+    if (!begin_scan(group->p, &what)) return -1;
+    for (int32_t i = 0; i < group->fc; ++i) group->f[i]->d = 1;
+    directory_handle directory(opendir(what.directory.get()));
+    if (!directory) {
+        logger(kLogWarn, "Failed to get list of files for: %s", what.directory.get());
+        return -1;
+    }
+    logger(kLogDebug, "Getting files from dir %s with filter %s", what.directory.get(),
+           what.filter.get());
+    bool complete = false;
+    const int matched = scan_directory(group, what, directory.get(), &complete);
+    directory.reset();
+    if (complete) {
+        if (conf.rotation_drain == 1) {
+            rotation_watch(group, what.directory.get(), what.filter.get());
+        }
+        drop_vanished(group);
+    } else {
+        // What was not seen may still be there: nothing is dropped on half a list.
+        logger(kLogWarn, "Failed to get list of files for: %s", what.directory.get());
+    }
+    bookmark_guard_small_files(conf.small_file_guard == 1);
+    verify_bookmark_file(group);
+    return matched;
+}
+
+fdesc *add_new_file(ft_bm *group, const char *path) {
+    if (fdesc *known = find_tracked(group, path)) {
+        known->d = 0;
+        return known;
+    }
+    if (is_refused(group, path) || _connected.load(std::memory_order_relaxed) == 0) return nullptr;
+    struct stat st;
+    if (stat(path, &st) == 0 && (!S_ISREG(st.st_mode) || is_own_file(path, st))) return nullptr;
+    new_file file(make_fdesc(group, path));
+    if (!file) return nullptr;
+    const int found = get_bookmark(file.get());
+    const bool readable = found >= 0 || !is_passing_failure(file.get(), errno);
+    if (found != 1) file->l = start_of_new_file(group, path);
+    logger(kLogInfo, "Loaded file for tailing: %s starting at byte: %" PRIu64, path, file->l);
+    if (!write_first_bookmark(file.get(), readable) || !append_file(group, file.get())) {
+        return nullptr;
+    }
+    return file.release();
+}

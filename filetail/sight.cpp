@@ -1,0 +1,132 @@
+#include "filetail/sight.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "core/utils.h"
+
+namespace {
+
+// A file's time stamps move in steps of the kernel's clock tick: a change right after a look may
+// leave them as they were. A look counts as final only when the last change is this much older.
+constexpr int64_t kSettledNs = 1'000'000'000;
+constexpr uint64_t kTailBytes = 257;  // the range of the tail checksum begins this far from the end
+
+class owned_descriptor {
+  public:
+    explicit owned_descriptor(int fd) : fd_(fd) {}
+    ~owned_descriptor() {
+        if (fd_ >= 0) close(fd_);
+    }
+    owned_descriptor(const owned_descriptor &) = delete;
+    owned_descriptor &operator=(const owned_descriptor &) = delete;
+    int get() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+int64_t nanoseconds(const timespec &t) {
+    return t.tv_sec * int64_t{1'000'000'000} + t.tv_nsec;
+}
+
+size_t read_block(int fd, char block[kHeadBytes], uint64_t offset) {
+    size_t done = 0;
+    std::memset(block, 0, kHeadBytes);
+    while (done < kHeadBytes) {
+        const ssize_t got =
+            pread(fd, block + done, kHeadBytes - done, static_cast<off_t>(offset + done));
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        done += static_cast<size_t>(got);
+    }
+    return done;
+}
+
+uint32_t checksum_at(int fd, uint64_t offset) {
+    char block[kHeadBytes];
+    read_block(fd, block, offset);
+    return computeChecksum(block);
+}
+
+void take_identity(file_sight *sight, const struct stat &st) {
+    sight->device = st.st_dev;
+    sight->inode = st.st_ino;
+    sight->size = static_cast<uint64_t>(st.st_size);
+    sight->changed_ns = nanoseconds(st.st_ctim);
+    sight->written_ns = nanoseconds(st.st_mtim);
+}
+
+bool same_identity(const file_sight &sight, const struct stat &st) {
+    return sight.inode == st.st_ino && sight.device == st.st_dev &&
+           sight.size == static_cast<uint64_t>(st.st_size) &&
+           sight.changed_ns == nanoseconds(st.st_ctim) &&
+           sight.written_ns == nanoseconds(st.st_mtim);
+}
+
+bool is_settled(const file_sight &sight) {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return nanoseconds(now) - sight.changed_ns >= kSettledNs;
+}
+
+}  // namespace
+
+uint32_t head_checksum(int fd) {
+    return checksum_at(fd, 0);
+}
+
+uint32_t tail_checksum(int fd, uint64_t size, uint64_t position) {
+    if (size == 0) return checksum_at(fd, 0);
+    return checksum_at(fd, size < kTailBytes ? position : size - kTailBytes);
+}
+
+int open_regular(const char *path) {
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    struct stat st;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) return fd;
+    close(fd);
+    errno = ENODEV;
+    return -1;
+}
+
+sight_result look_at(fdesc *file) {
+    const char *path = tail_path(file);
+    struct stat st;
+    if (stat(path, &st) == 0) {
+        if (!S_ISREG(st.st_mode)) return sight_result::kMissing;
+        if (file->settled && same_identity(file->sight, st)) return sight_result::kSeen;
+    }
+    const owned_descriptor fd(open_regular(path));
+    if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
+        file->settled = 0;
+        return errno == ENOENT || errno == ENODEV ? sight_result::kMissing : sight_result::kUnknown;
+    }
+    take_identity(&file->sight, st);
+    file->settled = is_settled(file->sight);
+    file->sight.head = head_checksum(fd.get());
+    file->sight.tail = tail_checksum(fd.get(), file->sight.size, 0);
+    return sight_result::kSeen;
+}
+
+bool is_grown_small_file(const char *path, uint32_t head, uint64_t location) {
+    if (location >= kHeadBytes) return false;
+    const owned_descriptor fd(open_regular(path));
+    if (fd.get() < 0) return false;
+    char block[kHeadBytes];
+    const size_t size = read_block(fd.get(), block, 0);
+    // Fewer bytes than the location would mean that the file was emptied before that bookmark was
+    // written; what stands there now was then never sent.
+    for (size_t kept = std::min<size_t>(size, kHeadBytes - 1) + 1; kept-- > location;) {
+        std::memset(block + kept, 0, kHeadBytes - kept);
+        if (computeChecksum(block) == head) return true;
+    }
+    return false;
+}
