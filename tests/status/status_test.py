@@ -1,0 +1,209 @@
+"""siem_collector_status on configurations, logs and bookmark files of our own.
+
+The lock file stands at a fixed path. Where the machine lets us, each call runs in a private mount
+namespace with an empty lock directory; where it does not, the lock is only asked for its absence.
+"""
+
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import textwrap
+import time
+import unittest
+import zlib
+
+STATUS = os.path.abspath(sys.argv.pop(1))
+LOCK = "/var/lock/velmor_siem_collector.loc"
+
+# Runs the tool with the lock held by the calling process, or free, in a lock directory of its own.
+IN_NAMESPACE = textwrap.dedent("""\
+    import fcntl, os, subprocess, sys
+    lock, hold, command = sys.argv[1], sys.argv[2] == "hold", sys.argv[3:]
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", os.path.realpath(os.path.dirname(lock))],
+                   check=True)
+    if hold:
+        held = open(lock, "w")
+        fcntl.flock(held, fcntl.LOCK_EX)
+    sys.exit(subprocess.run(command).returncode)
+    """)
+
+
+def namespaces_work():
+    if shutil.which("unshare") is None or not os.path.isdir(os.path.dirname(LOCK)):
+        return False
+    probe = subprocess.run(["unshare", "-m", "mount", "-t", "tmpfs", "tmpfs",
+                            os.path.realpath(os.path.dirname(LOCK))],
+                           stdin=subprocess.DEVNULL, capture_output=True)
+    return probe.returncode == 0
+
+
+def record(path, location, head, tail=0):
+    return f"{location:015d}|{head:015d}|{tail:015d}|{path:<150}\n".encode()
+
+
+def head_of(content):
+    return zlib.crc32(content[:256].ljust(256, b"\0"))
+
+
+@unittest.skipUnless(namespaces_work(), "needs the right to make a mount namespace")
+class Status(unittest.TestCase):
+    def setUp(self):
+        scratch = tempfile.TemporaryDirectory()
+        self.addCleanup(scratch.cleanup)
+        self.dir = pathlib.Path(scratch.name)
+        self.logs = self.dir / "logs"
+        self.marks = self.dir / "marks"
+        self.logs.mkdir()
+        self.marks.mkdir()
+        self.config = self.dir / "collector.conf"
+        self.config.write_text(
+            f"rec_ip=127.0.0.1\nrec_port=1\nbookmark_dir={self.marks}\ndebug_level=info\n"
+            f"log_path={self.dir}/collector.log\nsleep=5\nthrottle=500\ntype=filetail\n"
+            f"ft_dir={self.logs}\nft_filter=*.log\nft_delim=<newline>\n")
+
+    def log(self, name, content):
+        path = self.logs / name
+        path.write_bytes(content)
+        return path
+
+    def bookmark(self, *records):
+        (self.marks / "ft_bookmark").write_bytes(b"".join(records))
+
+    def run_tool(self, *options, hold=True):
+        return subprocess.run(
+            ["unshare", "-m", sys.executable, "-c", IN_NAMESPACE, LOCK,
+             "hold" if hold else "free", STATUS, "-c", str(self.config), *options],
+            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60)
+
+    def survey(self, *options, hold=True):
+        done = self.run_tool("--json", *options, hold=hold)
+        return done.returncode, json.loads(done.stdout)
+
+    def file(self, *options):
+        files = self.survey(*options)[1]["plugins"][0]["files"]
+        self.assertEqual(len(files), 1)
+        return files[0]
+
+    def test_lag_events_and_waiting_bytes_are_exact(self):
+        content = b"line of the log\n" * 100 + b"not ended"
+        path = self.log("a.log", content)
+        self.bookmark(record(path, 160, head_of(content)))
+        state = self.file()
+        self.assertEqual((state["position"], state["lag_bytes"], state["events"]), (160, 1440, 90))
+        self.assertEqual((state["waiting_bytes"], state["estimated"]), (9, False))
+        self.assertTrue(state["known"])
+        self.assertFalse(state["head_changed"] or state["small"] or state["nul_ahead"])
+
+    def test_large_lag_is_estimated(self):
+        content = b"line of the log\n" * 100000
+        path = self.log("a.log", content)
+        self.bookmark(record(path, 0, head_of(content)))
+        state = self.file()
+        self.assertTrue(state["estimated"])
+        self.assertAlmostEqual(state["events"], 100000, delta=1000)
+
+    def test_changed_head_and_shrunken_file_begin_again(self):
+        content = b"line of the log\n" * 20
+        path = self.log("a.log", content)
+        self.bookmark(record(path, 160, 12345))
+        state = self.file()
+        self.assertTrue(state["head_changed"])
+        self.assertEqual((state["position"], state["events"]), (0, 20))
+        self.bookmark(record(path, 1000, head_of(content)))
+        self.assertEqual(self.file()["position"], 0)
+
+    def test_small_nul_and_long(self):
+        content = b"a\0b\n" + b"x" * 70000 + b"\n"
+        path = self.log("a.log", content)
+        self.bookmark(record(path, 0, head_of(content)))
+        state = self.file()
+        self.assertTrue(state["nul_ahead"] and state["long_ahead"])
+        path.write_bytes(b"tiny\n")
+        self.assertTrue(self.file()["small"])
+
+    def test_without_bookmark(self):
+        self.log("a.log", b"line\n" * 100)
+        state = self.file()
+        self.assertFalse(state["known"])
+        self.assertEqual(state["lag_bytes"], 0)
+
+    def test_up_and_down(self):
+        status, survey = self.survey(hold=True)
+        self.assertEqual((status, survey["status"], survey["up"]), (0, "OK", True))
+        self.assertLess(abs(survey["since"] - time.time()), 120)
+        status, survey = self.survey(hold=False)
+        self.assertEqual((status, survey["status"], survey["up"]), (2, "CRITICAL", False))
+
+    def test_exit_statuses_follow_the_lag(self):
+        content = b"line of the log\n" * 100
+        path = self.log("a.log", content)
+        self.bookmark(record(path, 0, head_of(content)))
+        self.assertEqual(self.run_tool().returncode, 0)
+        self.assertEqual(self.run_tool("--warn", "1600").returncode, 1)
+        self.assertEqual(self.run_tool("--crit", "1600").returncode, 2)
+        self.assertEqual(self.run_tool("--warn", "ten").returncode, 3)
+        self.config.unlink()
+        self.assertEqual(self.run_tool().returncode, 3)
+
+    def test_verify_names_damage(self):
+        content = b"line of the log\n" * 100
+        path = self.log("a.log", content)
+        good = record(path, 0, head_of(content))
+        self.bookmark(good)
+        self.assertEqual(self.run_tool("--verify").returncode, 0)
+        self.bookmark(good, good, b"x" + good[1:], record("/gone/away.log", 1, 1), good[:50])
+        done = self.run_tool("--verify")
+        self.assertEqual(done.returncode, 2)
+        for words in ("record 1: double", "record 2: damaged", "record 4: short",
+                      "orphan: /gone/away.log", "4 records, 3 problems, 1 orphans"):
+            self.assertIn(words, done.stdout)
+        self.assertEqual(self.run_tool().returncode, 2)
+
+    def test_prometheus_file_is_written_whole(self):
+        content = b"line of the log\n" * 100
+        path = self.log("a.log", content)
+        self.bookmark(record(path, 160, head_of(content)))
+        target = self.dir / "collector.prom"
+        done = self.run_tool("--prom", str(target))
+        self.assertEqual((done.returncode, done.stdout), (0, ""))
+        text = target.read_text()
+        self.assertIn("siem_collector_up 1\n", text)
+        self.assertIn(f'siem_collector_file_lag_bytes{{path="{path}"}} 1440\n', text)
+        self.assertEqual([p.name for p in self.dir.glob("collector.prom*")], ["collector.prom"])
+        self.assertEqual(self.run_tool("--prom", "/absent/x").returncode, 3)
+
+    def test_screen_shows_errors_and_no_control_characters(self):
+        (self.dir / "collector.log").write_text(
+            "Nov 15 08:31:02 2026:(ERROR) it broke\x1b[2J\nNov 15 08:31:03 2026:(INFO) fine\n")
+        self.log("a\x1bb.log", b"line\n" * 100)
+        out = self.run_tool().stdout
+        self.assertIn("(ERROR) it broke?[2J", out)
+        self.assertNotIn("fine", out.split("last errors")[1])
+        self.assertNotIn("\x1b", out)
+
+    @unittest.skipUnless(shutil.which("strace"), "needs strace")
+    def test_reads_only(self):
+        content = b"line of the log\n" * 100
+        path = self.log("a.log", content)
+        self.bookmark(record(path, 0, head_of(content)))
+        trace = self.dir / "trace"
+        done = subprocess.run(
+            ["strace", "-f", "-e", "trace=openat,open,creat,flock,fcntl,unlink,unlinkat,rename,"
+             "renameat,renameat2,mkdir,mkdirat,ftruncate,truncate,chmod,fchmod,utimensat,link",
+             "-o", str(trace), STATUS, "-c", str(self.config)],
+            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60)
+        if "ptrace" in done.stderr and not trace.exists():
+            self.skipTest("strace is not allowed here")
+        calls = trace.read_text()
+        self.assertIn("ft_bookmark", calls)
+        for word in ("O_WRONLY", "O_RDWR", "O_CREAT", "O_TRUNC", "flock(", "unlink", "rename",
+                     "mkdir", "truncate(", "chmod(", "F_SETLK"):
+            self.assertNotIn(word, calls)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,207 @@
+#include "tools/status/survey.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include "core/utils.h"
+#include "filetail/cutter.h"
+#include "filetail/delimiter.h"
+#include "tools/check/config_text.h"
+#include "tools/check/rules.h"
+#include "tools/host/lock_holder.h"
+
+namespace {
+
+constexpr size_t kHeadBytes = 256;
+constexpr uint64_t kSampleBytes = 256 * 1024;
+constexpr uint64_t kLongestRecordBytes = 65535;
+constexpr size_t kErrorsShown = 5;
+constexpr uint64_t kLogTailBytes = 256 * 1024;
+constexpr char kDefaultLog[] = "/var/log/velmor/siem_collector.log";
+
+class readable_file {
+  public:
+    explicit readable_file(const std::string &path)
+        : fd_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
+    ~readable_file() {
+        if (fd_ >= 0) close(fd_);
+    }
+    readable_file(const readable_file &) = delete;
+    readable_file &operator=(const readable_file &) = delete;
+    bool ok() const { return fd_ >= 0; }
+    std::string range(uint64_t from, uint64_t length) const {
+        std::string bytes(length, '\0');
+        size_t have = 0;
+        while (have < length) {
+            const ssize_t got =
+                pread(fd_, bytes.data() + have, length - have, static_cast<off_t>(from + have));
+            if (got <= 0) break;
+            have += static_cast<size_t>(got);
+        }
+        bytes.resize(have);
+        return bytes;
+    }
+
+  private:
+    int fd_;
+};
+
+struct delimiter_count {
+    int64_t count = 0;
+    size_t last_end = 0;     ///< behind the last one
+    size_t longest_gap = 0;  ///< bytes of the longest event
+};
+
+delimiter_count count_delimiters(const delimiter *pattern, const std::string &bytes) {
+    delimiter_count result;
+    delimiter_search how{0, false, false};
+    delimiter_hit hit{};
+    while (delimiter_find(pattern, bytes.data(), bytes.size(), how, &hit) == kDelimiterFound) {
+        result.count++;
+        result.longest_gap = std::max(result.longest_gap, hit.end - result.last_end);
+        result.last_end = hit.end;
+        how.from = hit.end;
+        how.move_on = hit.begin == hit.end;
+    }
+    result.longest_gap = std::max(result.longest_gap, bytes.size() - result.last_end);
+    return result;
+}
+
+// The bytes behind the last delimiter, as far as the sample at the file's end shows them.
+uint64_t waiting_bytes(const readable_file &file, const delimiter *pattern, uint64_t from,
+                       uint64_t size) {
+    const uint64_t start = std::max(from, size > kSampleBytes ? size - kSampleBytes : 0);
+    const std::string tail = file.range(start, size - start);
+    return tail.size() - count_delimiters(pattern, tail).last_end;
+}
+
+void look_ahead(const readable_file &file, const delimiter *pattern, file_state *state) {
+    if (state->position >= state->size) return;
+    const uint64_t unread = state->size - state->position;
+    state->waiting = std::min(unread, waiting_bytes(file, pattern, state->position, state->size));
+    state->lag = unread - state->waiting;
+    const std::string sample = file.range(state->position, std::min(unread, kSampleBytes));
+    const delimiter_count seen = count_delimiters(pattern, sample);
+    state->nul_ahead = sample.find('\0') != std::string::npos;
+    state->long_ahead = seen.longest_gap > kLongestRecordBytes;
+    if (unread <= kSampleBytes) {
+        state->events = seen.count;
+    } else {
+        state->estimated = true;
+        state->events = seen.count == 0 ? -1
+                                        : static_cast<int64_t>(static_cast<double>(state->lag) *
+                                                               static_cast<double>(seen.count) /
+                                                               static_cast<double>(seen.last_end));
+    }
+}
+
+uint32_t head_checksum(const readable_file &file) {
+    std::string head = file.range(0, kHeadBytes);
+    head.resize(kHeadBytes, '\0');
+    return checksum_bytes(head.data(), head.size());
+}
+
+file_state look_at(const std::string &path, const struct stat &info, const bookmark_image &marks,
+                   const delimiter *pattern, long now) {
+    file_state state;
+    state.path = path;
+    state.size = static_cast<uint64_t>(info.st_size);
+    state.small = state.size < kHeadBytes;
+    state.age_seconds = std::max<long>(0, now - info.st_mtime);
+    state.position = state.size;
+    const readable_file file(path);
+    state.readable = file.ok();
+    const auto mark = marks.positions.find(path);
+    state.known = mark != marks.positions.end();
+    if (!state.readable || !state.known) return state;
+    state.head_changed = mark->second.head != head_checksum(file);
+    state.position = mark->second.location;
+    // What the daemon will do at its next scan: a new file is read from its first byte.
+    if (state.head_changed || state.position > state.size) state.position = 0;
+    if (pattern != nullptr) look_ahead(file, pattern, &state);
+    return state;
+}
+
+plugin_state look_at_plugin(const config_text &text, const config_section &section,
+                            const bookmark_image &marks, long now) {
+    plugin_state state;
+    state.directory = section_directory(text, section);
+    state.filter = section_value(text, section, "ft_filter");
+    std::string reason;
+    const delimiter_ptr pattern = delimiter_compile(
+        translate_delim(section_value(text, section, "ft_delim").c_str()), &reason);
+    std::unique_ptr<DIR, int (*)(DIR *)> dir(opendir(state.directory.c_str()), &closedir);
+    if (dir == nullptr) {
+        state.error = strerror(errno);
+        return state;
+    }
+    while (const dirent *entry = readdir(dir.get())) {
+        if (fnmatch(state.filter.c_str(), entry->d_name, 0) != 0) continue;
+        const std::string path = state.directory + entry->d_name;
+        struct stat info {};
+        if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
+        state.files.push_back(look_at(path, info, marks, pattern.get(), now));
+    }
+    std::sort(state.files.begin(), state.files.end(),
+              [](const file_state &a, const file_state &b) { return a.path < b.path; });
+    return state;
+}
+
+std::vector<std::string> last_error_lines(const std::string &log_path) {
+    std::vector<std::string> lines;
+    const readable_file log(log_path);
+    struct stat info {};
+    if (!log.ok() || stat(log_path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return lines;
+    const uint64_t size = static_cast<uint64_t>(info.st_size);
+    const uint64_t from = size > kLogTailBytes ? size - kLogTailBytes : 0;
+    const std::string bytes = log.range(from, size - from);
+    for (size_t at = 0; at < bytes.size();) {
+        const size_t end = std::min(bytes.find('\n', at), bytes.size());
+        const std::string line = bytes.substr(at, end - at);
+        if (line.find(":(ERROR) ") != std::string::npos) lines.push_back(line);
+        at = end + 1;
+    }
+    if (lines.size() > kErrorsShown) lines.erase(lines.begin(), lines.end() - kErrorsShown);
+    return lines;
+}
+
+}  // namespace
+
+survey take_survey(const survey_request &request) {
+    survey taken;
+    taken.config_path = request.config_path;
+    taken.taken_at = time(nullptr);
+    const lock_holder holder = find_lock_holder(request.lock_path, request.lock_table);
+    taken.pid = holder.pid;
+    taken.up = holder.pid != 0;
+    taken.lock_table = holder.table_readable || !holder.file_exists;
+    if (taken.up) taken.since = process_start_time(holder.pid);
+    config_text text;
+    if (!config_text_read(request.config_path, &text, &taken.error)) return taken;
+    std::string log_path = global_value(text, "log_path");
+    taken.last_errors = last_error_lines(log_path.empty() ? kDefaultLog : log_path);
+    taken.bookmark_path = global_value(text, "bookmark_dir") + "/ft_bookmark";
+    taken.bookmarks = read_bookmarks(taken.bookmark_path);
+    for (const config_section &section : text.sections) {
+        if (section.type != "filetail" || section_directory(text, section).empty()) continue;
+        taken.plugins.push_back(look_at_plugin(text, section, taken.bookmarks, taken.taken_at));
+    }
+    return taken;
+}
+
+uint64_t total_lag(const survey &taken) {
+    uint64_t sum = 0;
+    for (const plugin_state &plugin : taken.plugins) {
+        for (const file_state &file : plugin.files) sum += file.lag;
+    }
+    return sum;
+}
