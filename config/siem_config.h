@@ -51,12 +51,12 @@ extern config conf;
 
 /// Takes the global keys out of the list. Returns the list index at which plugin configuration
 /// begins: one before the first "type" pair (so -1 when that is the first), or the number of pairs
-/// when there is none. Out-of-range values of opt-in keys are kept for config_check().
+/// when there is none.
 int config_init(key_value_pair_spec *pairs, config *target);
 
-/// Reports each opt-in key whose value makes no sense at WARN and puts it out of effect or into its
-/// range. Needs the logger; call it once after config_init().
-void config_check(config *target);
+/// Logs at WARN each opt-in key of the list whose value is out of its range (config_init() has put
+/// it out of effect, or taken the largest value for one that is too large). Needs the logger.
+void config_check(const key_value_pair_spec *pairs, const config *target);
 
 /// Frees the strings and clears every setting, so that nothing of the old file is left when the
 /// record is filled again. The plugin list and the connection are not touched.
