@@ -107,7 +107,7 @@ class Receiver:
     """A bundled Receiver on loopback; a thread takes its JSON lines as they come."""
 
     def __init__(self, folder, *options, port=0):
-        self.events = []
+        self.events, self.notes = [], []  # records, and what else the Receiver prints
         self._changed = threading.Condition()
         self._errors = open(Path(folder) / "receiver.err", "ab")
         command = [str(BUILD / "bin/ruv_receiver"), "--port", str(port), "--print-port",
@@ -129,7 +129,7 @@ class Receiver:
         for line in self.process.stdout:
             record = json.loads(line)
             with self._changed:
-                self.events.append(record)
+                (self.events if "record" in record else self.notes).append(record)
                 self._changed.notify_all()
 
     def count(self):
@@ -138,7 +138,7 @@ class Receiver:
 
     def messages(self):
         with self._changed:
-            return [text_of(event) for event in self.events if "message" in event]
+            return [text_of(event) for event in self.events]
 
     def wait_messages(self, count, budget=BUDGET_SECONDS):
         """The messages once there are at least `count`; a later surplus is the caller's to see."""
