@@ -53,7 +53,7 @@ FAULTS = (
     ("thirdparty", {"core/utils.h": "#include <dlfcn.h>\n"}, "dlfcn"),
     ("thirdparty", {f"filetail/{n}.cpp": "#include <pcre.h>\n" for n in "abc"}, "in 3 files"),
     ("words", {"README.md": "as Part " + "1.2 says\n"}, "README.md:1"),
-    ("words", {"core/utils.h": "// see the spec" + "\n"}, "core/utils.h:1"),
+    ("words", {"core/utils.h": "// see the " + "spec\n"}, "core/utils.h:1"),
     ("dead", {"core/lost.cpp": "\n"}, "no CMakeLists.txt builds"),
     ("dead", {"core/lost.h": "\n"}, "nothing includes"),
 )
