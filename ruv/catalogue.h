@@ -33,9 +33,9 @@ enum custom_field_type : int {
 /// transfer error, 13, or 1 (no memory, or a size outside 0 to 16 MiB).
 int libruv_request_custom_fields(RUVConn *conn);
 
-/// Parses `text` (`size` bytes, a zero byte at text[size]; cut up in place) and replaces the
-/// catalogue. @return 0, or -1 with error 1 and an empty catalogue.
-int libruv_load_catalogue(custom_fields_info_t *catalogue, char *text, size_t size);
+/// Parses the zero-terminated `text` (cut up in place) and replaces the catalogue. @return 0, or
+/// -1 with error 1 and an empty catalogue: no memory, or more than 65,536 fields.
+int libruv_load_catalogue(custom_fields_info_t *catalogue, char *text);
 
 /// @return the field of that name, or null; no error is set.
 custom_field_info_t *libruv_lookup_custom_field(RUVConn *conn, const char *fieldname);

@@ -100,11 +100,13 @@ struct RUVConn {
     // Additions of this library; all zero means: not used.
     int (*stopping)(void *);  ///< RUVSetInterrupt
     void *stopping_arg;
+    int64_t asked_ms;        ///< when a wait last asked the callback
     int64_t io_deadline_ms;  ///< monotonic end of a bounded transfer, 0: unbounded
     int64_t io_stall_ms;     ///< longest wait of a write without progress, 0: unbounded
     int tls_opted;           ///< RUVSetTLSOptions was called: modern TLS or no connection
     ssl_ctx_st *tls_ctx;     ///< own context; null with tls_opted set: never connect
     char *tls_name;          ///< name or address that the certificate must carry
+    int tls_cert_wanted;     ///< the peer asked for a client certificate and none is set
     char tls_reason[160];    ///< why the last TLS operation failed, for RUVStrError
     group_queue_t group;
 };

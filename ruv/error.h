@@ -1,5 +1,5 @@
 #pragma once
-/// The per-thread error state and its texts (RUVStrError).
+/// The per-thread error state and the texts of its codes.
 ///
 /// Every function returns what a failing caller returns, so that `return ruv::fail(13);` is the
 /// whole of reporting a failure. The codes' texts stand once, in error.cpp. Any thread, no lock.
@@ -29,5 +29,9 @@ inline std::nullptr_t fail_null(int code) {
 inline std::nullptr_t fail_null(int code, int argument) {
     return fail(code, argument), nullptr;
 }
+
+/// Writes the text of `err` into `errstr` (512 bytes are ample); `conn` may be null.
+/// @return false for an unassigned code, whose text says so. The error state is not touched.
+bool error_text(const RUVConn *conn, int err, char *errstr);
 
 }  // namespace ruv

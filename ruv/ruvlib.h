@@ -17,6 +17,7 @@
 
 #include <stdint.h>
 
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -196,5 +197,6 @@ int RUVSetLogging(uint64_t logging);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

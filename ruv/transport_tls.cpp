@@ -1,0 +1,339 @@
+// The TLS 1.0 client method is deprecated and yet the one that Receivers of old speak.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include "ruv/transport_tls.h"
+
+#include <arpa/inet.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "ruv/error.h"
+#include "ruv/wait.h"
+
+namespace ruv {
+namespace {
+
+constexpr int kHandshakeWaits = 1000;        // timed-out waits before a handshake is given up
+constexpr int kHandshakeWaitMs = 1;          // length of each
+constexpr int kWaitsPerQuestion = 200;       // to the interrupt callback
+constexpr int64_t kOwnHandshakeMs = 10'000;  // whole handshake of a handle with its own context
+constexpr size_t kLargestPiece = 1 << 30;    // the TLS library counts in int
+constexpr int kDrainedPieces = 64;           // read and dropped before a close
+
+SSL_CTX *g_context = nullptr;    // process-wide, read-only after library start
+BIO_METHOD *g_socket = nullptr;  // the socket BIO below
+
+// ---- The socket under the TLS stream. The library's own would raise SIGPIPE on a closed peer and
+// block in the kernel, out of reach of the interrupt callback.
+
+int socket_write(BIO *bio, const char *bytes, int count) {
+    int fd = -1;
+    BIO_get_fd(bio, &fd);
+    BIO_clear_retry_flags(bio);
+    ssize_t sent;
+    do {
+        sent = send(fd, bytes, static_cast<size_t>(count), MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (sent < 0 && errno == EINTR);
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) BIO_set_retry_write(bio);
+    return static_cast<int>(sent);
+}
+
+int socket_read(BIO *bio, char *bytes, int count) {
+    int fd = -1;
+    BIO_get_fd(bio, &fd);
+    BIO_clear_retry_flags(bio);
+    ssize_t got;
+    do {
+        got = recv(fd, bytes, static_cast<size_t>(count), MSG_DONTWAIT);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) BIO_set_retry_read(bio);
+    if (got == 0) BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
+    return static_cast<int>(got);
+}
+
+BIO_METHOD *make_socket_method() {
+    BIO_METHOD *method = BIO_meth_new(BIO_TYPE_SOCKET, "socket without signals");
+    if (method) {
+        const BIO_METHOD *base = BIO_s_socket();
+        BIO_meth_set_write(method, socket_write);
+        BIO_meth_set_read(method, socket_read);
+        BIO_meth_set_ctrl(method, BIO_meth_get_ctrl(base));
+        BIO_meth_set_create(method, BIO_meth_get_create(base));
+        BIO_meth_set_destroy(method, BIO_meth_get_destroy(base));
+    }
+    return method;
+}
+
+// ---- Errors.
+
+// Why the last operation failed, in words, for a handle that checks its peer.
+void note_reason(RUVConn *conn, unsigned long err) {
+    if (!conn->tls_opted) return;
+    const long verdict = conn->ssl_conn ? SSL_get_verify_result(conn->ssl_conn) : X509_V_OK;
+    const char *reason = err ? ERR_reason_error_string(err) : nullptr;
+    if (verdict != X509_V_OK)
+        snprintf(conn->tls_reason, sizeof conn->tls_reason, "the Receiver's certificate: %s",
+                 X509_verify_cert_error_string(verdict));
+    else if (conn->tls_cert_wanted)
+        snprintf(conn->tls_reason, sizeof conn->tls_reason,
+                 "the Receiver asks for a client certificate and none is set (%s)",
+                 reason ? reason : "connection closed");
+    else
+        snprintf(conn->tls_reason, sizeof conn->tls_reason, "%s",
+                 reason ? reason : "connection closed");
+}
+
+int fail_session(RUVConn *conn, int ret, int ssl_error, int saved_errno) {
+    const unsigned long err = ERR_get_error();
+    note_reason(conn, err);
+    fail_tls(ret, ssl_error, static_cast<int>(err));
+    errno = saved_errno;
+    return -1;
+}
+
+// A file or setting that cannot be used: `what` goes before the library's reason.
+int fail_option(RUVConn *conn, const char *what) {
+    const unsigned long err = ERR_get_error();
+    const char *reason = err ? ERR_reason_error_string(err) : nullptr;
+    snprintf(conn->tls_reason, sizeof conn->tls_reason, "%s: %s", what,
+             reason ? reason : "not usable");
+    return fail_tls(0, 0, static_cast<int>(err));
+}
+
+// ---- Handshake.
+
+// Waits for what the session wants. @return 0, or -1 with errors 3 or 4.
+int wait_session(RUVConn *conn, int ssl_error) {
+    const short events = ssl_error == SSL_ERROR_WANT_WRITE ? POLLOUT : POLLIN;
+    const int64_t left = time_left(conn);
+    if (left == 0) return fail(4);
+    const int ready = wait_for(conn, events, left);
+    if (ready < 0) return fail_system(errno);
+    return ready == 0 ? fail(4) : 0;
+}
+
+// The default handshake: short waits for the socket to become readable, counted when they time
+// out. @return 0 to try again, or -1 with error 3 or 19.
+int wait_counted(RUVConn *conn, bool *armed, int *waits) {
+    // Kept: the set of watched descriptors is not rebuilt between waits, so after the first wait
+    // that times out the rest are plain pauses; a handshake's longest time depends on it.
+    const int ready = wait_for(conn, *armed ? POLLIN : 0, kHandshakeWaitMs);
+    if (ready < 0) return fail_system(errno);
+    if (ready != 0) return 0;
+    *armed = false;
+    if (++*waits >= kHandshakeWaits) return fail(19);
+    if (*waits % kWaitsPerQuestion == 0 && stop_requested(conn)) return fail_system(EINTR);
+    return 0;
+}
+
+int handshake(RUVConn *conn) {
+    bool armed = true;
+    int waits = 0;
+    const int64_t own_end = now_ms() + kOwnHandshakeMs;
+    for (;;) {
+        ERR_clear_error();
+        const int ret = SSL_connect(conn->ssl_conn);
+        if (ret == 1) return 0;
+        const int saved = errno;
+        const int ssl_error = SSL_get_error(conn->ssl_conn, ret);
+        if (ssl_error != SSL_ERROR_WANT_READ && ssl_error != SSL_ERROR_WANT_WRITE &&
+            ssl_error != SSL_ERROR_WANT_CONNECT)
+            return fail_session(conn, ret, ssl_error, saved);
+        if (!conn->tls_opted) {
+            if (wait_counted(conn, &armed, &waits) != 0) return -1;
+            continue;
+        }
+        const short events = ssl_error == SSL_ERROR_WANT_WRITE ? POLLOUT : POLLIN;
+        const int ready = wait_for(conn, events, std::max<int64_t>(0, own_end - now_ms()));
+        if (ready < 0) return fail_system(errno);
+        if (ready == 0) return fail(19);
+    }
+}
+
+int begin_session(RUVConn *conn) {
+    conn->tls_reason[0] = 0;
+    conn->tls_cert_wanted = 0;
+    SSL_CTX *context = conn->tls_opted ? conn->tls_ctx : g_context;
+    if (!context) return fail(5);
+    conn->ssl_conn = SSL_new(context);
+    BIO *bio = g_socket ? BIO_new(g_socket) : nullptr;
+    if (!conn->ssl_conn || !bio) {
+        BIO_free(bio);
+        return fail(20);
+    }
+    BIO_set_fd(bio, conn->skt, BIO_NOCLOSE);
+    SSL_set_bio(conn->ssl_conn, bio, bio);
+    if (!conn->tls_opted) return 0;
+    in6_addr address;
+    const bool by_address = inet_pton(AF_INET, conn->tls_name, &address) == 1 ||
+                            inet_pton(AF_INET6, conn->tls_name, &address) == 1;
+    SSL_set_app_data(conn->ssl_conn, conn);
+    if (by_address)
+        return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(conn->ssl_conn), conn->tls_name) == 1
+                   ? 0
+                   : fail(20);
+    if (SSL_set1_host(conn->ssl_conn, conn->tls_name) != 1 ||
+        SSL_set_tlsext_host_name(conn->ssl_conn, conn->tls_name) != 1)
+        return fail(20);
+    return 0;
+}
+
+int note_certificate_request(SSL *session, X509 **, EVP_PKEY **) {
+    static_cast<RUVConn *>(SSL_get_app_data(session))->tls_cert_wanted = 1;
+    return 0;
+}
+
+bool is_set(const char *text) {
+    return text && *text;
+}
+
+// ---- Library start and end. A static object and not a destructor function: its end must run
+// before the TLS library's own clean-up, which was registered earlier.
+
+struct library {
+    library() { tls_start(); }
+    ~library() { tls_end(); }
+} g_library;
+
+}  // namespace
+
+void tls_start() {
+    SSL_library_init();
+    SSL_load_error_strings();
+    g_context = SSL_CTX_new(TLSv1_client_method());
+    g_socket = make_socket_method();
+    if (g_context) {
+        SSL_CTX_set_quiet_shutdown(g_context, 1);
+        // The library's default level refuses the signatures that TLS 1.0 is made of.
+        SSL_CTX_set_security_level(g_context, 0);
+    }
+    setservent(1);
+    setprotoent(1);
+}
+
+void tls_end() {
+    SSL_CTX_free(g_context);
+    g_context = nullptr;
+    BIO_meth_free(g_socket);
+    g_socket = nullptr;
+    endservent();
+    endprotoent();
+}
+
+bool tls_ready() {
+    return g_context != nullptr;
+}
+
+int tls_connect(RUVConn *conn) {
+    if (begin_session(conn) == 0 && handshake(conn) == 0) return 0;
+    const int saved = errno;
+    SSL_free(conn->ssl_conn);
+    conn->ssl_conn = nullptr;
+    errno = saved;
+    return -1;
+}
+
+namespace {
+
+// Both directions are one loop around the library's call.
+template <class Call>
+int move_segment(RUVConn *conn, iovec *segment, Call call) {
+    while (segment->iov_len > 0) {
+        ERR_clear_error();
+        const int piece = static_cast<int>(std::min(segment->iov_len, kLargestPiece));
+        const int ret = call(conn->ssl_conn, segment->iov_base, piece);
+        if (ret >= 1) {
+            segment->iov_base = static_cast<char *>(segment->iov_base) + ret;
+            segment->iov_len -= static_cast<size_t>(ret);
+            if (conn->io_stall_ms) conn->io_deadline_ms = now_ms() + conn->io_stall_ms;
+            continue;
+        }
+        const int saved = errno;
+        const int ssl_error = SSL_get_error(conn->ssl_conn, ret);
+        if (ssl_error != SSL_ERROR_WANT_READ && ssl_error != SSL_ERROR_WANT_WRITE)
+            return fail_session(conn, ret, ssl_error, saved);
+        if (wait_session(conn, ssl_error) != 0) return -1;
+    }
+    return 1;
+}
+
+}  // namespace
+
+int tls_write_segment(RUVConn *conn, iovec *segment) {
+    return move_segment(conn, segment, SSL_write);
+}
+
+int tls_read_segment(RUVConn *conn, iovec *segment) {
+    return move_segment(conn, segment, SSL_read);
+}
+
+bool tls_pending(const RUVConn *conn) {
+    return SSL_pending(conn->ssl_conn) > 0;
+}
+
+int tls_check_peer(RUVConn *conn) {
+    char byte;
+    ERR_clear_error();
+    const int ret = SSL_peek(conn->ssl_conn, &byte, 1);
+    if (ret > 0) return 0;
+    const int saved = errno;
+    const int ssl_error = SSL_get_error(conn->ssl_conn, ret);
+    if (ssl_error == SSL_ERROR_WANT_READ || ssl_error == SSL_ERROR_WANT_WRITE) return 0;
+    if (ssl_error == SSL_ERROR_ZERO_RETURN) return fail_system(EPIPE);
+    return fail_session(conn, ret, ssl_error, saved);
+}
+
+void tls_close(RUVConn *conn) {
+    if (!conn->ssl_conn) return;
+    // Session tickets that were never read would make the kernel answer the close with a reset,
+    // and a reset throws away what the peer has not read yet.
+    char dropped[4096];
+    for (int i = 0; i < kDrainedPieces && conn->tls_opted; ++i)
+        if (SSL_read(conn->ssl_conn, dropped, sizeof dropped) < 1) break;
+    SSL_shutdown(conn->ssl_conn);
+    SSL_free(conn->ssl_conn);
+    conn->ssl_conn = nullptr;
+    ERR_clear_error();
+}
+
+int tls_set_options(RUVConn *conn, const char *min_version, const char *ca_file,
+                    const char *cert_file, const char *key_file) {
+    const bool only_13 = is_set(min_version) && strcmp(min_version, "1.3") == 0;
+    if (is_set(min_version) && !only_13 && strcmp(min_version, "1.2") != 0) return fail(2, 2);
+    if (is_set(key_file) && !is_set(cert_file)) return fail(2, 5);
+    ERR_clear_error();
+    conn->tls_ctx = SSL_CTX_new(TLS_client_method());
+    SSL_CTX *context = conn->tls_ctx;
+    if (!context) return fail(20);
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+    if (SSL_CTX_set_min_proto_version(context, only_13 ? TLS1_3_VERSION : TLS1_2_VERSION) != 1)
+        return fail_option(conn, "minimum version");
+    if (is_set(ca_file) ? SSL_CTX_load_verify_file(context, ca_file) != 1
+                        : SSL_CTX_set_default_verify_paths(context) != 1)
+        return fail_option(conn, "trusted certificates");
+    if (!is_set(cert_file)) {
+        SSL_CTX_set_client_cert_cb(context, note_certificate_request);
+        return 0;
+    }
+    if (SSL_CTX_use_certificate_chain_file(context, cert_file) != 1)
+        return fail_option(conn, "client certificate");
+    const char *key = is_set(key_file) ? key_file : cert_file;
+    if (SSL_CTX_use_PrivateKey_file(context, key, SSL_FILETYPE_PEM) != 1 ||
+        SSL_CTX_check_private_key(context) != 1)
+        return fail_option(conn, "client key");
+    return 0;
+}
+
+void tls_free_options(RUVConn *conn) {
+    SSL_CTX_free(conn->tls_ctx);
+    conn->tls_ctx = nullptr;
+}
+
+}  // namespace ruv
