@@ -23,8 +23,9 @@
  */
 #include <stdint.h>
 
-#include "ruvlib.h"
+#include "ruv/ruvlib.h"
 
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -148,5 +149,6 @@ int RUVWinEventLogSet_message(void *record, const char *text, int len); /**< cut
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif
