@@ -56,30 +56,3 @@ struct body_form {
 
 /// The form of a record, or null when its type has none for that version and sub-version.
 const body_form *libruv_find_body(uint32_t type, int ver, int sver);
-
-/// Texts of a Windows event body that exist nowhere else; the sizes hold the largest values.
-struct win_texts {
-    char address[46];
-    char record_number[15];
-    char numbers[32];
-    char count[7];
-};
-
-/// Fills `texts` from `record`. The address is that of an IPv4 source, or `local_address` (null
-/// reads as empty) for a host id or no source; any other source is shown by its first four bytes.
-void libruv_fill_win_texts(const RUVData_t &record, const RUVDSInfo *dsinfo,
-                           const char *local_address, win_texts *texts);
-
-/// Fill functions; `block` holds zeros and has the form's size.
-void libruv_fill_alertv5(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_alertv6v1(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_alertv6v2(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_alertv6v3(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_flowv5(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_flowv6v1(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_flowv6v2(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_flowv6v3(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_syslogv5(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_syslogv6(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_winevntv5(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
-void libruv_fill_winevntv6(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);

@@ -2,9 +2,10 @@
 
 #include <cstring>
 
-#include "ruv/bodies.h"
 #include "ruv/bodies_address.h"
 #include "ruv/bodies_layout.h"
+#include "ruv/conn.h"
+#include "ruv/record.h"
 
 static_assert(sizeof(RUVv5_Alert_t) == 128);
 AT(RUVv5_Alert_t, nadver, 0);

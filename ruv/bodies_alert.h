@@ -2,6 +2,9 @@
 /// Blocks of Alert records, byte for byte as they lie on the wire.
 #include <cstdint>
 
+struct RUVData_t;
+struct RUVDSInfo;
+
 #pragma pack(push, 1)
 
 struct RUVv5_Alert_t {
@@ -83,3 +86,9 @@ struct RUVv6_Alert_v3_t {
 };
 
 #pragma pack(pop)
+
+/// Fill functions; `block` holds zeros and has the size of the structure.
+void libruv_fill_alertv5(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
+void libruv_fill_alertv6v1(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
+void libruv_fill_alertv6v2(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
+void libruv_fill_alertv6v3(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);

@@ -2,6 +2,9 @@
 /// Blocks of Flow records, byte for byte as they lie on the wire.
 #include <cstdint>
 
+struct RUVData_t;
+struct RUVDSInfo;
+
 #pragma pack(push, 1)
 
 struct RUVv5_Flow_t {
@@ -55,3 +58,9 @@ using RUVv6_Flow_v2_t = flow_with_rows<5, 2>;
 using RUVv6_Flow_v3_t = flow_with_rows<7, 8>;  ///< six bytes of padding and two trailing ones
 
 #pragma pack(pop)
+
+/// Fill functions; `block` holds zeros and has the size of the structure.
+void libruv_fill_flowv5(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
+void libruv_fill_flowv6v1(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
+void libruv_fill_flowv6v2(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
+void libruv_fill_flowv6v3(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);

@@ -1,7 +1,8 @@
 #include "ruv/bodies_syslog.h"
 
-#include "ruv/bodies.h"
 #include "ruv/bodies_layout.h"
+#include "ruv/conn.h"
+#include "ruv/record.h"
 
 static_assert(sizeof(RUVv5_Syslog_t) == 12);
 AT(RUVv5_Syslog_t, nadver, 0);

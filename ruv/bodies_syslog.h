@@ -2,6 +2,9 @@
 /// Blocks of Syslog records, byte for byte as they lie on the wire.
 #include <cstdint>
 
+struct RUVData_t;
+struct RUVDSInfo;
+
 struct RUVv5_Syslog_t {
     uint8_t nadver;
     uint8_t nadtype;
@@ -15,3 +18,7 @@ struct RUVv6_Syslog_v1_t {
     uint16_t rsrvd;
     uint16_t data_len;
 };
+
+/// Fill functions; `block` holds zeros and has the size of the structure.
+void libruv_fill_syslogv5(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);
+void libruv_fill_syslogv6(const RUVData_t &record, const RUVDSInfo *dsinfo, void *block);

@@ -5,9 +5,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "ruv/bodies.h"
 #include "ruv/bodies_address.h"
 #include "ruv/bodies_layout.h"
+#include "ruv/conn.h"
+#include "ruv/record.h"
 
 static_assert(sizeof(RUVv5_WinEvntLog_t) == 64);
 AT(RUVv5_WinEvntLog_t, nadver, 0);

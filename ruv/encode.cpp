@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "ruv/bodies_windows.h"
 #include "ruv/error.h"
 #include "ruv/request.h"
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "ruv/bodies.h"
+#include "ruv/bodies_windows.h"
 #include "ruv/conn.h"
 #include "ruv/record.h"
 #include "ruv/wire.h"

@@ -4,6 +4,7 @@
 #include "ruv/encode.h"
 #include "ruv/error.h"
 #include "ruv/group.h"
+#include "ruv/record_print.h"
 #include "ruv/trace.h"
 #include "ruv/transport.h"
 
@@ -82,6 +83,7 @@ int send_with_retries(RUVConn *conn, const RUVData_t *record, const RUVDSInfo *d
 int libruv_send_data(RUVConn *conn, const RUVData_t *record, const RUVDSInfo *dsinfo, int cid) {
     encoded_unit unit;
     if (libruv_encode(record, dsinfo, cid, conn->ip_addr, &unit) != 0) return -1;
+    if (ruv::enabled(debug_data)) libruv_print_record(conn, record, unit);
     if (libruv_group_is_open(conn) && record->ctl.ver > kLastLegacyVersion)
         return libruv_group_queue(conn, unit.count, unit.segments);
     return libruv_write(conn, unit.count, unit.segments);
