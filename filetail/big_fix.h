@@ -20,5 +20,9 @@ struct fdesc;
  */
 int big_fix_process_event(char **event, int *event_len, void **event_data, fdesc *bm, FILE *fd);
 
+/** Copies the remembered text, so that events that must be read again find it as it was. The copy
+ *  is freed by the teardown; null for null. */
+void *big_fix_copy_state(const void *event_data);
+
 /** Frees the remembered text and clears the pointer. */
 void big_fix_teardown_event(void **event_data);

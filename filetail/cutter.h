@@ -2,8 +2,8 @@
  * Cutting text into events.
  *
  * `cut_events` is the whole rule, as a pure function over a buffer: it reads nothing, copies
- * nothing and answers with offsets. `read_window` feeds it from a file; `xread` is the same for a
- * stream. An event always carries the length it was cut with, because a log may hold NUL bytes.
+ * nothing and answers with offsets. reader_window.h feeds it from a file; `xread` is the same for
+ * a stream. An event always carries the length it was cut with: a log may hold NUL bytes.
  *
  * Threads: everything here belongs to its caller's thread.
  */
@@ -12,7 +12,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <vector>
 
 #include "filetail/delimiter.h"
 
@@ -28,6 +27,13 @@ struct event_span {
     size_t end;
 };
 
+/** How far a text that holds no event yet has been searched; all zero at first. */
+struct cut_progress {
+    size_t searched; /**< no (further) delimiter begins in front of this byte */
+    size_t matched;  /**< end of the delimiter that was met last */
+    bool opened;     /**< delimiter in front: the first event's own one was met */
+};
+
 /** What to cut. */
 struct cut_request {
     const delimiter *delim;
@@ -35,19 +41,18 @@ struct cut_request {
     const char *text;
     size_t length;
     bool more_to_come; /**< the buffer was filled to its end: the text goes on */
-    size_t searched;   /**< leading bytes known to hold no delimiter (0 when nothing is known) */
     int max_events;
 };
 
 /** What was cut. */
 struct cut_result {
-    int count;       /**< events written; they touch each other, the first begins at 0 */
-    int error;       /**< 0, or the matcher's negative code that ended the search */
-    size_t searched; /**< with no event: bytes that need not be searched again */
+    int count; /**< events written; they touch each other, the first begins at 0 */
+    int error; /**< 0, or the matcher's negative code that ended the search */
 };
 
-/** Cuts at most `max_events` events off the front of a text into `events`. */
-cut_result cut_events(const cut_request &request, event_span *events);
+/** Cuts at most `max_events` events off the front of a text into `events`. With none, the same
+ *  text with more bytes behind it may be given again with the same `progress`. */
+cut_result cut_events(const cut_request &request, cut_progress *progress, event_span *events);
 
 /** The pattern for a delimiter word of the configuration: `delim` itself or a constant. */
 const char *translate_delim(const char *delim);
@@ -62,32 +67,9 @@ int xread(char **events, FILE *fd, const char *delim, int delim_position);
 
 /** Turns every line feed and every carriage return of an event into a blank. */
 void replace_newlines(char *event);
-void replace_newlines(char *event, size_t length);
 
-/** Makes an event printable as one string: line ends and NUL bytes become blanks. Returns how many
- *  leading NUL bytes to skip (`length` when nothing else is there). */
-size_t clean_event(char *event, size_t length);
+/** The same for a piece of text that is not a string, whose NUL bytes become blanks too. */
+void clean_text(char *text, size_t length);
 
-/** A batch read from a descriptor: one buffer, reused from file to file. */
-struct read_window {
-    std::vector<char> buffer;
-    size_t length = 0;   /**< bytes of `buffer` that hold the file's text */
-    uint64_t offset = 0; /**< place in the file of the first of them */
-    event_span events[kBatchEvents];
-};
-
-/** How to read a batch. */
-struct batch_request {
-    const delimiter *delim;
-    int delim_at_end;
-    uint64_t position;  /**< place in the file of the first event */
-    size_t first_bytes; /**< size of the first read; doubles while no event is found */
-    int max_events;
-};
-
-/**
- * Cuts one batch of the file at `position` into `window->events` (offsets into
- * `window->buffer`). Returns the number of events; below 1 there is nothing to hand out: the end
- * of the data, an unfinished event, or an error, which was logged.
- */
-int read_batch(read_window *window, int fd, const batch_request &request);
+/** How many NUL bytes a text begins with: they are no part of an event's message. */
+size_t leading_nuls(const char *text, size_t length);

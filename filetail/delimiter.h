@@ -54,13 +54,11 @@ delimiter_ptr delimiter_compile(const std::string &pattern, std::string *reason)
 /** True when the delimiter is plain text that is found without the matcher. */
 bool delimiter_is_literal(const delimiter *d);
 
-/** How many bytes a direct search may resume before the end of what it has searched; 0 for a
- *  pattern, whose matches may begin anywhere. */
-size_t delimiter_resume(const delimiter *d, size_t searched);
-
 /**
  * Finds the next delimiter of `text` at or after `how.from`. Returns one of the answers above, or
- * the matcher's own negative code on an error (time and depth of a match are limited).
+ * the matcher's own negative code on an error (time and depth of a match are limited). Without a
+ * find, `hit->begin` is where a search may go on once more of the text is there: no delimiter
+ * begins in front of it.
  */
 int delimiter_find(const delimiter *d, const char *text, size_t length, const delimiter_search &how,
                    delimiter_hit *hit);

@@ -40,8 +40,8 @@ int ruv_alloc_record(plugin *p);
 
 /** Makes the shared connection usable: waits, tries again and logs as long as execution goes on,
  *  and sees to it that the plugin has a record that fits the connection. Returns 0, or -1 when the
- *  worker has to leave its loop. `*epoch` (0 at first) tells the caller's last connection. */
-int ruv_ensure_connected(plugin *p, uint32_t *epoch);
+ *  worker has to leave its loop. */
+int ruv_ensure_connected(plugin *p);
 
 /** Sends one event; one longer than kRecordBytes goes as consecutive records. Returns 1 when it was
  *  sent, 0 when not (the event is to be read again). */

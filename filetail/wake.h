@@ -8,8 +8,6 @@
  */
 #pragma once
 
-#include <string>
-
 /** A watch on one directory; -1 stands for "none". */
 struct wake_watch {
     int fd = -1;
@@ -23,15 +21,15 @@ struct wake_watch {
 
 /** What ended a wait. */
 enum class wake_reason {
-    timeout,   /**< the time is over, or execution has ended */
-    written,   /**< files were written to; their names are in `names` */
-    directory, /**< files came, went or were renamed, or events were lost: scan again */
+    timeout,   /**< the time is over */
+    written,   /**< files were written to */
+    directory, /**< files came, went or were renamed, or reports were lost: scan again */
 };
 
-/** Starts watching a directory, once; later calls do nothing. */
+/** Starts watching a directory; does nothing while it is watched already. */
 void wake_start(wake_watch *watch, const char *directory);
 
-/** Waits until a change or `milliseconds` have passed, whichever is first. `names` gets the file
- *  names (without directory, each once) that were written to. */
+/** Waits until a change or `milliseconds` have passed, whichever is first. `named(arg, name)` is
+ *  called for files that were written to; a name has no directory and may come more than once. */
 wake_reason wake_wait(wake_watch *watch, int milliseconds, void (*named)(void *, const char *),
                       void *arg);

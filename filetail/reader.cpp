@@ -1,0 +1,262 @@
+#include "filetail/reader.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/plugin_record.h"
+#include "core/execution.h"
+#include "core/siemcollector_log.h"
+#include "core/utils.h"
+#include "filetail/big_fix.h"
+#include "filetail/bookmark.h"
+#include "filetail/reader_window.h"
+#include "filetail/ruv.h"
+#include "filetail/tail_state.h"
+
+namespace {
+
+constexpr size_t kReadAheadBytes = 64 * 1024;
+constexpr size_t kGroupReadAheadBytes = 512 * 1024;
+/// A buffer that one long event made larger than this is given back after its file.
+constexpr size_t kKeptBufferBytes = 1024 * 1024;
+
+struct free_memory {
+    void operator()(void *memory) const { free(memory); }
+};
+using owned_string = std::unique_ptr<char, free_memory>;
+
+struct close_stream {
+    void operator()(FILE *stream) const { fclose(stream); }
+};
+
+/// What a worker keeps from file to file.
+struct reading_desk {
+    std::wstring word;  ///< the delimiter word of `delim`
+    bool compiled = false;
+    delimiter_ptr delim;  ///< null when the word is no pattern
+    read_window window;
+    std::vector<group_event> group;
+};
+thread_local reading_desk desk;
+
+/// One file being read.
+struct reading {
+    fdesc *file;
+    plugin *p;
+    int fd;
+    std::unique_ptr<FILE, close_stream> stream;  ///< for the plugin's cutter only
+    int handled;
+    bool send_failed;
+};
+
+/// An event as it will be sent.
+struct prepared_event {
+    const char *text;
+    size_t length;
+    bool wanted;         ///< false: nothing to send
+    bool counts;         ///< false: nothing but NUL bytes
+    owned_string owned;  ///< set when the plugin's cutter made the text
+};
+
+const delimiter *plugin_delimiter(const plugin *p) {
+    const wchar_t *word = p->ft.ft_delim ? p->ft.ft_delim : L"";
+    if (desk.compiled && desk.word == word) return desk.delim.get();
+    const owned_string narrow(wstrtostr(word));
+    std::string reason = "out of memory";
+    desk.delim = narrow ? delimiter_compile(translate_delim(narrow.get()), &reason) : nullptr;
+    desk.word = word;
+    desk.compiled = true;
+    if (!desk.delim) {
+        logger(kLogError, "Error: invalid event delimiter %s : %s", narrow.get(), reason.c_str());
+    }
+    return desk.delim.get();
+}
+
+/// Opens a tailed file without ever waiting for it; -1 with errno set.
+int open_tailed(const char *path) {
+    int fd;
+    do {
+        fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+bool is_regular(int fd) {
+    struct stat status;
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool may_go_on() {
+    return is_executing() && _connected.load(std::memory_order_relaxed) == 1;
+}
+
+/// Hands an event to the plugin's cutter, as a string of its own.
+void call_cutter(reading *r, prepared_event *event) {
+    if (!r->stream) {
+        const int copy = fcntl(r->fd, F_DUPFD_CLOEXEC, 0);
+        r->stream.reset(copy < 0 ? nullptr : fdopen(copy, "r"));
+        if (!r->stream && copy >= 0) close(copy);
+    }
+    char *text = strndup(event->text, event->length);
+    if (text == nullptr) return;
+    int length = static_cast<int>(event->length);
+    event->wanted = r->p->process_event(&text, &length, &r->p->process_event_data, r->file,
+                                        r->stream.get()) != 0;
+    event->owned.reset(text);
+    event->text = text;
+    event->length = length > 0 ? static_cast<size_t>(length) : strlen(text);
+}
+
+prepared_event prepare(reading *r, char *text, size_t length) {
+    const size_t skip = leading_nuls(text, length);
+    prepared_event event{text + skip, length - skip, length > skip, length > skip, nullptr};
+    if (!event.counts) return event;
+    clean_text(text + skip, length - skip);
+    if (r->p->process_event != nullptr) call_cutter(r, &event);
+    return event;
+}
+
+bool send_prepared(reading *r, const prepared_event &event) {
+    if (!event.wanted) return true;
+    if (log_enabled(kLogDebug)) {
+        logger(kLogDebug, "Sending RUV data read from: %s:%.*s", tail_path(r->file),
+               static_cast<int>(event.length), event.text);
+    }
+    return send_event(r->p, event.text, event.length) == 1;
+}
+
+/// Sends a batch event by event, the position and its bookmark always one event behind.
+void deliver_each(reading *r, int count) {
+    read_window &window = desk.window;
+    char *batch = window_text(&window, r->file->l);
+    uint64_t stream_place = window.read_to;
+    for (int i = 0; i < count && may_go_on(); ++i) {
+        const event_span span = window.events[i];
+        const size_t length = span.end - span.begin;
+        const prepared_event event = prepare(r, batch + span.begin, length);
+        if (!send_prepared(r, event)) {
+            r->send_failed = true;
+            return;
+        }
+        r->file->l += length;
+        if (event.counts) ++r->handled;
+        update_bookmark_at(r->fd, r->file, stream_place);
+        stream_place = r->file->l;
+    }
+}
+
+/// The state of the plugin's cutter, to be put back when its events must be read again.
+class cutter_state {
+  public:
+    explicit cutter_state(plugin *p)
+        : p_(p->process_event == big_fix_process_event ? p : nullptr),
+          saved_(p_ ? big_fix_copy_state(p_->process_event_data) : nullptr) {}
+    ~cutter_state() { big_fix_teardown_event(&saved_); }
+    cutter_state(const cutter_state &) = delete;
+    cutter_state &operator=(const cutter_state &) = delete;
+
+    void put_back() {
+        if (p_ != nullptr) std::swap(p_->process_event_data, saved_);
+    }
+
+  private:
+    plugin *p_;
+    void *saved_;
+};
+
+/// Sends a batch as one group; the position and its bookmark move once it is confirmed. Returns
+/// false when this connection cannot confirm and nothing was done.
+bool deliver_group(reading *r, int count) {
+    read_window &window = desk.window;
+    char *batch = window_text(&window, r->file->l);
+    cutter_state before(r->p);
+    std::vector<owned_string> texts;
+    int counted = 0;
+    desk.group.clear();
+    for (int i = 0; i < count; ++i) {
+        const event_span span = window.events[i];
+        prepared_event event = prepare(r, batch + span.begin, span.end - span.begin);
+        counted += event.counts;
+        if (!event.wanted) continue;
+        desk.group.push_back({event.text, event.length});
+        if (event.owned) texts.push_back(std::move(event.owned));
+    }
+    const int size = static_cast<int>(desk.group.size());
+    const int sent = size == 0 ? 1 : send_group(r->p, desk.group.data(), size);
+    if (sent != 1) {
+        before.put_back();
+        r->send_failed = sent == 0;
+        return sent == 0;
+    }
+    r->file->l += window.events[count - 1].end;
+    r->handled += counted;
+    update_bookmark_at(r->fd, r->file, window.read_to);
+    return true;
+}
+
+/// Cuts and delivers the next batch. Returns false when there is none.
+bool next_batch(reading *r, const delimiter *delim) {
+    const int group = ruv_group_limit();
+    const size_t ahead = group > 0 ? kGroupReadAheadBytes : kReadAheadBytes;
+    const batch_request request{delim,
+                                r->p->ft.ft_delim_end,
+                                r->file->l,
+                                group > 0 ? kReadAheadBytes : kFirstBufferBytes,
+                                group > 0,
+                                ahead,
+                                group > 0 ? group : kBatchEvents};
+    const int count = read_batch(&desk.window, r->fd, request);
+    if (count < 1) return false;
+    if (group > 0 && deliver_group(r, count)) return true;
+    deliver_each(r, count);
+    if (group > 0) forget_text(&desk.window);  // it was prepared twice, and perhaps not all sent
+    return true;
+}
+
+void read_open_file(reading *r, const delimiter *delim, int throttle) {
+    forget_text(&desk.window);
+    r->file->at_end = 0;
+    while (may_go_on() && r->handled < throttle) {
+        if (!next_batch(r, delim)) {
+            r->file->at_end = 1;
+            break;
+        }
+        if (!r->send_failed) continue;
+        // The batch's text was changed while it was prepared: it must be read again.
+        forget_text(&desk.window);
+        r->send_failed = false;
+        ruv_pause_after_failure();
+    }
+    if (desk.window.room > kKeptBufferBytes) desk.window = read_window();
+}
+
+}  // namespace
+
+read_outcome read_file(fdesc *file, int throttle) {
+    plugin *p = file->p->p;
+    const delimiter *delim = plugin_delimiter(p);
+    const int fd = open_tailed(tail_path(file));
+    if (fd < 0) {
+        const int error = errno;
+        logger(kLogError, "Error: Reading file %s : (%d)%s", tail_path(file), error,
+               strerror(error));
+        return {0, true};
+    }
+    reading r{file, p, fd, nullptr, 0, false};
+    if (delim != nullptr && is_regular(fd)) read_open_file(&r, delim, throttle);
+    close(fd);
+    return {r.handled, false};
+}
+
+int read_events(fdesc *cur_bm, int throttle) {
+    const read_outcome outcome = read_file(cur_bm, throttle);
+    return outcome.unreadable ? 1 : outcome.handled;
+}
