@@ -23,6 +23,7 @@ using ruv::fail;
 
 constexpr int32_t kLargestFile = 16 << 20;  // bytes; real catalogues have a few thousand
 constexpr size_t kMostFields = 65'536;      // as many as there are ids
+constexpr int kFieldsPerId = sizeof cfid_to_cfi_t::cfi / sizeof *cfid_to_cfi_t::cfi;
 constexpr int kAlertRows = 10;
 constexpr int kFlowRows = 7;
 constexpr unsigned kLargestOffset = 63;

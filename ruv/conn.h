@@ -1,17 +1,12 @@
 #pragma once
-/// The data of a connection handle: RUVConn and what hangs from it. Data only.
-///
-/// A handle belongs to one thread at a time; nothing in it is locked. Every pointer is owned by
-/// the handle and released by RUVFreeConn unless a comment says otherwise.
+/// The data of a connection handle. It belongs to one thread at a time; nothing in it is locked.
+/// It owns what its pointers point at, unless a comment says otherwise, until RUVFreeConn.
 #include <netdb.h>
 #include <netinet/in.h>
 
-#include <cstddef>
 #include <cstdint>
 
-#include "ruv/ruvlib.h"
-
-struct ssl_st;  // the TLS library's own objects: only transport_tls.cpp looks inside
+struct ssl_st;
 struct ssl_ctx_st;
 
 enum ruv_ds_kind : int { kDsIPv4 = 1, kDsIPv6 = 2, kDsHostID = 3 };
@@ -39,35 +34,30 @@ struct channel_id_info_t {
     size_t known_words;    ///< length of `known`
 };
 
-inline constexpr int kFieldNameSize = 82;  ///< with the terminating zero
-inline constexpr int kFieldsPerId = 64;
-
 /// One custom field: a section of the Receiver's field-definition file.
 struct custom_field_info_t {
-    char name[kFieldNameSize];
+    char name[82];
     int id;
-    int type;     ///< code of the value's type, an index of cftype_to_string
-    int rowa;     ///< row in an Alert, 0 to 9, or -1
-    int rowf;     ///< row in a Flow, 0 to 6, or -1
-    int off;      ///< bit offset in the row's word, 0 to 63
-    int size_of;  ///< bytes of the value; 0 for strings and unknown types
+    int type;        ///< code of the value's type, an index of cftype_to_string
+    int rowa, rowf;  ///< row in an Alert, 0 to 9, and in a Flow, 0 to 6; or -1
+    int off;         ///< bit offset in the row's word, 0 to 63
+    int size_of;     ///< bytes of the value; 0 for strings and unknown types
 };
 
 /// All fields that share an id, ascending by offset.
 struct cfid_to_cfi_t {
-    custom_field_info_t *cfi[kFieldsPerId];  ///< point into custom_fields_info_t::cfi
+    custom_field_info_t *cfi[64];  ///< point into custom_fields_info_t::cfi
     int cnt;
     uint16_t id;
 };
 
 /// The catalogue with its two indexes. The pointers point into `cfi`.
 struct custom_fields_info_t {
-    int cfid_to_cfis_cnt;      ///< used groups of id_to_userfields
-    int custom_fields_cnt;     ///< entries of cfi, name_name and name_cfi
-    char **name_name;          ///< ascending by strcmp
-    custom_field_info_t *cfi;  ///< in file order
-    custom_field_info_t **name_cfi;
-    cfid_to_cfi_t *id_to_userfields;  ///< ascending by id
+    int cfid_to_cfis_cnt;                  ///< used groups of id_to_userfields
+    int custom_fields_cnt;                 ///< entries of cfi, name_name and name_cfi
+    char **name_name;                      ///< ascending by strcmp
+    custom_field_info_t *cfi, **name_cfi;  ///< in file order, and parallel to name_name
+    cfid_to_cfi_t *id_to_userfields;       ///< ascending by id
 };
 
 /// Records that wait for a group's commit, encoded (group.h).
@@ -77,18 +67,17 @@ struct group_queue_t {
     int open;  ///< 1 between RUVGroupBegin and the commit or drop
 };
 
-/// See RUVAllocConn for the meaning of the numbers.
+/// See RUVAllocConn for the meaning of the numbers. Data type 0 being the requests,
+/// data_versions[0][5] is the mask of those that the Receiver understands.
 struct RUVConn {
     int skt;  ///< -1 when not connected
-    int port;
-    int ipv4_or_v6;
+    int port, ipv4_or_v6;
     int force_ssl;  ///< ruv_ssl_mode
     int ruv_ver_req;
     int ruv_ver;  ///< ruv_generation, detected by RUVOpen and kept over RUVClose
     int allow_to_auto_learn;
-    uint16_t data_types;  ///< bit n: data type n is accepted
-    /// [type][protocol version - 1]: mask of accepted type versions; [0][5]: mask of requests.
-    uint16_t data_versions[5][6];
+    uint16_t data_types;           ///< bit n: data type n is accepted
+    uint16_t data_versions[5][6];  ///< [type][protocol version - 1]: mask of type versions
     char *host;
     ssl_st *ssl_conn;  ///< null when the stream is plain
     char ip_addr[46];  ///< local address of the socket as text
@@ -96,8 +85,7 @@ struct RUVConn {
     custom_fields_info_t cfi;
     addrinfo conninfo;  ///< its address pointer points at conn_ai_addr
     sockaddr_in6 conn_ai_addr;
-
-    // Additions of this library; all zero means: not used.
+    // What follows is all zero unless it is used.
     int (*stopping)(void *);  ///< RUVSetInterrupt
     void *stopping_arg;
     int64_t asked_ms;        ///< when a wait last asked the callback
