@@ -42,7 +42,7 @@ def namespaces_work():
 
 
 def record(path, location, head, tail=0):
-    return f"{location:015d}|{head:015d}|{tail:015d}|{path:<150}\n".encode()
+    return f"{location:015d}|{head:015d}|{tail:015d}|{str(path):<150}\n".encode()
 
 
 def head_of(content):

@@ -90,8 +90,9 @@ int check_file(const std::string &path, const settings &wanted) {
         fprintf(stderr, "siem_collector_check: %s: %s\n", path.c_str(), reason.c_str());
         return kUnreadable;
     }
-    report found{path, {}};
+    report found{path, {}, {}};
     check_format(text, &found);
+    found.explain_lines();
     check_globals(text, &found);
     check_sections(text, &found);
     if (wanted.host) check_host(text, wanted.logrotate, &found);

@@ -25,7 +25,15 @@ const trap *find_trap(const std::string &id) {
 void report::add(const char *id, int line, const std::string &detail) {
     const trap *what = find_trap(id);
     if (what == nullptr) abort();  // a rule names a trap that the table does not have
-    findings.push_back({what, line, detail});
+    if (explained.count(line) == 0) findings.push_back({what, line, detail});
+}
+
+void report::explain_lines() {
+    for (const finding &f : findings) {
+        const std::string id = f.what->id;
+        const bool value_counts = id == "T10" || id == "T13";
+        if (f.line > 0 && !value_counts) explained.insert(f.line);
+    }
 }
 
 void sort_findings(report *found) {

@@ -1,6 +1,7 @@
 // What the checker found: traps with their texts, findings, and the forms that they are shown in.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,9 +33,13 @@ const trap *find_trap(const std::string &id);
 struct report {
     std::string path;
     std::vector<finding> findings;
+    std::set<int> explained;  ///< lines whose form is at fault: their value means nothing more
 
-    /// Adds a finding. `id` must be one of all_traps().
+    /// Adds a finding, unless the line was explained. `id` must be one of all_traps().
     void add(const char *id, int line, const std::string &detail = "");
+
+    /// Takes the lines of all findings so far as explained, but for those that are read as meant.
+    void explain_lines();
 };
 
 /// Puts the findings into the order of their lines.
