@@ -66,5 +66,7 @@ void spinlock_inc(counting_lock *lock, uint32_t *count) {
 
 void spinlock_dec(counting_lock *lock, uint32_t count) {
     if (lock->c <= count) return;
+    // Kept: a nested level that comes down to its own value frees the lock, although the outer
+    // level still counts; whoever nests passes the outermost value.
     if (--lock->c == count) spinlock_release(&lock->l);  // does nothing for anyone but the owner
 }
