@@ -30,6 +30,8 @@ PURE_WAITS = [
     C_CALL + "libc.usleep(300000000)",
     C_CALL + "libc.poll(None, 0, 300000)",
     "select.select([], [], [], 300)",
+    "import os; p = select.poll(); p.register(os.eventfd(0), 1); p.poll(300000)"
+    if hasattr(os, "eventfd") else "time.sleep(300)",
 ]
 IO_WAITS = [
     "import os; r, w = os.pipe(); select.select([r], [], [], 300)",

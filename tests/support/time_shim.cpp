@@ -1,10 +1,10 @@
 // The one time seam of the tests: a library for LD_PRELOAD that lets a process wait less.
 //
-//   COLLECTOR_TIME_SCALE=N  pure waits (nanosleep, clock_nanosleep, usleep, sleep, and poll,
-//                           ppoll, select or epoll_wait without a descriptor that could end
-//                           them) last one Nth of what was asked for
-//   COLLECTOR_IO_SCALE=N    waits for descriptors last one Nth as well, and the monotonic clock
-//                           runs N times as fast, so that deadlines shrink with them
+//   COLLECTOR_TIME_SCALE=N  pauses last one Nth of what was asked for: nanosleep, clock_nanosleep,
+//                           usleep, sleep, select without descriptors, and poll or ppoll on none
+//                           but event counters and inotify, which only cut a pause short
+//   COLLECTOR_IO_SCALE=N    waits for other descriptors last one Nth as well, and the monotonic
+//                           clock runs N times as fast, so that deadlines shrink with them
 //
 // The two are apart because a pause may always be cut short, while a peer on a busy machine needs
 // its full time to answer. Absent, empty or not above 1, a variable changes nothing. The wall clock
@@ -20,7 +20,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -85,12 +87,22 @@ void lengthen(timespec *left, double scale) {
     }
 }
 
-bool waits_for_something(const pollfd *fds, nfds_t count) {
-    return std::any_of(fds, fds + count, [](const pollfd &p) { return p.fd >= 0; });
+// A descriptor behind which a peer may need its time; the others are the process's own alarm
+// clocks.
+bool leads_to_a_peer(const pollfd &watched) {
+    if (watched.fd < 0) {
+        return false;
+    }
+    char link[32];
+    char target[32] = "";
+    snprintf(link, sizeof link, "/proc/self/fd/%d", watched.fd);
+    const ssize_t length = readlink(link, target, sizeof target - 1);
+    return length < 0 || (strcmp(target, "anon_inode:[eventfd]") != 0 &&
+                          strcmp(target, "anon_inode:inotify") != 0);
 }
 
 double poll_scale(const pollfd *fds, nfds_t count) {
-    return count > 0 && waits_for_something(fds, count) ? io_scale() : wait_scale();
+    return std::any_of(fds, fds + count, leads_to_a_peer) ? io_scale() : wait_scale();
 }
 
 }  // namespace
