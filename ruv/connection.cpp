@@ -19,8 +19,7 @@ using ruv::fail;
 using ruv::fail_null;
 
 constexpr int kProbeAttempts = 2;
-constexpr int64_t kProbeBudgetMs = 10'000;  // for the answers of both attempts together
-constexpr int32_t kMostVersions = 65'536;   // entries of a version list; real ones have dozens
+constexpr int32_t kMostVersions = 65'536;  // entries of a version list; real ones have dozens
 constexpr int kVersionsPerRead = 64;
 constexpr int kUpTo5Columns = 5;        // protocol versions 1 to 5
 constexpr uint16_t kUpTo5Types = 0x1E;  // Alert, Flow, Syslog, Windows events
@@ -69,7 +68,7 @@ probe probe_once(RUVConn *conn, int ssl_on, int64_t *budget_ms) {
 // Finds the generation, leaving a version-6 connection open. @return 0, or -1 with the error.
 int detect_generation(RUVConn *conn) {
     int ssl_on = conn->force_ssl == kSslRequired;
-    int64_t budget_ms = kProbeBudgetMs;
+    int64_t budget_ms = ruv::os.probe_budget_ms;
     for (int attempt = 0; attempt < kProbeAttempts; ++attempt) {
         const probe result = probe_once(conn, ssl_on, &budget_ms);
         if (result == probe::failed) return -1;

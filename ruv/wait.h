@@ -12,13 +12,14 @@ namespace ruv {
 
 inline constexpr int kSliceMs = 250;  ///< longest time between two questions to the callback
 
-/// The calls that tests replace, so that a refusing resolver or a 29-second pause needs neither a
+/// What tests replace, so that a refusing resolver or a 29-second pause needs neither a
 /// network nor the time. One process-wide table, written by tests only.
 struct os_calls {
     int (*resolve)(const char *, const char *, const addrinfo *, addrinfo **);
     int (*connect)(int, const sockaddr *, socklen_t);
     void (*sleep_ms)(int milliseconds);
     int64_t (*now_ms)();
+    int64_t probe_budget_ms;  ///< for the answers of both probe attempts together
 };
 extern os_calls os;
 
