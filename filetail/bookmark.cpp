@@ -138,7 +138,8 @@ void start_over(fdesc *bm) {
 
 bool is_same_file(const fdesc *bm) {
     if (bm->sight.size < bm->l) return false;
-    if (bm->sight.head == bm->h) return true;
+    // A renamed file is known by its inode, whatever was added to a short beginning.
+    if (bm->sight.head == bm->h || bm->drain) return true;
     return g_small_files.load(std::memory_order_relaxed) &&
            is_grown_small_file(tail_path(bm), bm->h, bm->l);
 }
@@ -174,15 +175,17 @@ finding look_up(fdesc *bm) {
         bm->t = hit.record.tail;
         bm->known = 1;
     }
-    if (found > 0 || bm->unsaved) {
+    const int reason = errno;
+    if (found > 0 || bm->unsaved || (found < 0 && bm->known)) {
         resume_or_restart(bm);
-        return finding::kRecord;
+    } else if (bm->known && bm->sight.size < bm->l) {
+        // Without a record the position in memory stands; a file that has become shorter than that
+        // would otherwise be silent until it has grown past it.
+        start_over(bm);
     }
+    errno = reason;
     if (found < 0) return finding::kUnknown;
-    // Without a record the position in memory stands; a file that has become shorter than that
-    // would otherwise be silent until it has grown past it.
-    if (bm->known && bm->sight.size < bm->l) start_over(bm);
-    return finding::kNoRecord;
+    return found > 0 || bm->unsaved ? finding::kRecord : finding::kNoRecord;
 }
 
 // A bookmark that could not be written is written as soon as that is possible again, also when the

@@ -17,35 +17,35 @@
 #include "filetail/path_index.h"
 
 struct bookmark_file {
-    int fd = -1;            // open for reading and writing, or -1
-    struct stat seen = {};  // the file after the last own operation
-    bool indexed = false;   // the index holds every record; without memory it may not
-    path_index index = {};  // path -> slot
+    int fd = -1;            ///< open for reading and writing, or -1
+    struct stat seen = {};  ///< the file after the last own operation
+    bool indexed = false;   ///< the index holds every record; without memory it may not
+    path_index index = {};  ///< path -> slot
 };
 
-// A record as it was found; `record.path` points into `bytes`.
+/// A record as it was found; `record.path` points into `bytes`.
 struct bookmark_hit {
     int32_t slot;
     char bytes[kBookmarkRecord];
     bookmark_record record;
 };
 
-// Brings `file` up to date with what stands at `path`: opens it (creating it with mode 0644), or
-// opens it again after a foreign change. Links are not followed. Returns 0, or -1 with errno.
+/// Brings `file` up to date with what stands at `path`: opens it (creating it with mode 0644), or
+/// opens it again after a foreign change. Links are not followed. Returns 0, or -1 with errno.
 int bookmark_file_open(bookmark_file *file, const char *path);
 
-// Closes the file and frees the index.
+/// Closes the file and frees the index.
 void bookmark_file_close(bookmark_file *file);
 
-// Finds the first record of `path`. Returns 1 and fills *hit, 0 when there is none, -1 with errno.
+/// Finds the first record of `path`. Returns 1 and fills *hit, 0 when there is none, -1 with errno.
 int bookmark_file_find(bookmark_file *file, const char *path, size_t path_length,
                        bookmark_hit *hit);
 
-// Writes `bytes` over the record in `slot`, or behind the last record when `slot` is -1, in one
-// write. A file whose last record is short is continued at the next multiple of 199. Returns 0, or
-// -1 with errno; a record that could not be appended leaves the file's size as it was.
+/// Writes `bytes` over the record in `slot`, or behind the last record when `slot` is -1, in one
+/// write. A file whose last record is short is continued at the next multiple of 199. Returns 0, or
+/// -1 with errno; a record that could not be appended leaves the file's size as it was.
 int bookmark_file_write(bookmark_file *file, int32_t slot, const char bytes[kBookmarkRecord]);
 
-// Removes the record in hit->slot: later ones move up in one write, then the file is cut. Returns
-// 0, or -1 with errno.
+/// Removes the record in hit->slot: later ones move up in one write, then the file is cut. Returns
+/// 0, or -1 with errno.
 int bookmark_file_remove(bookmark_file *file, const bookmark_hit *hit);

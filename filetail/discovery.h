@@ -9,20 +9,20 @@
 
 #include "filetail/tail_state.h"
 
-// A new, empty group of `owner`; null when memory ran out. The caller owns it.
+/// A new, empty group of `owner`; null when memory ran out. The caller owns it.
 ft_bm *new_tail_group(plugin *owner);
 
-// Frees the group with its files and its list. `t` must have been joined; the handle is freed too.
+/// Frees the group with its files and its list. `t` must have been joined; the handle is freed too.
 void free_tail_group(ft_bm *group);
 
-// Frees one file record that is in no group's list (any more).
+/// Frees one file record that is in no group's list (any more).
 void free_fdesc(fdesc *file);
 
-// Scans the directory again, drops what vanished and verifies every position. Returns the number
-// of directory entries that matched the pattern, or -1 when the directory could not be opened.
+/// Scans the directory again, drops what vanished and verifies every position. Returns the number
+/// of directory entries that matched the pattern, or -1 when the directory could not be opened.
 int update_file_list(ft_bm *group);
 
-// Makes sure that the file is tailed. Returns its record, which the group owns, or null when it was
-// not added in this scan: the connection is down, it cannot be read, its path is over 150 bytes
-// (reported once), or it is no regular file, the collector's own log or its bookmark file.
+/// Makes sure that the file is tailed. Returns its record, which the group owns, or null when it
+/// was not added in this scan: the connection is down, it cannot be read, its path is over 150
+/// bytes (reported once), or it is no regular file, the collector's own log or its bookmark file.
 fdesc *add_new_file(ft_bm *group, const char *path);

@@ -66,6 +66,7 @@ void begin_drain(fdesc *file, const char *path) {
 void end_drain(fdesc *file) {
     free(file->drain);
     file->drain = nullptr;
+    file->sight = {};
     file->settled = 0;
     const int fd = open_regular(file->n);
     if (fd < 0) return;

@@ -8,7 +8,8 @@
 
 #include "filetail/tail_state.h"
 
-// Looks for files of the group whose path names another inode than before (or none), and points
-// `drain` at the renamed predecessor when it still has unread bytes; ends the drains that are done.
-// `directory` ends in "/". Call after the directory was read and before positions are verified.
+/// Looks for files of the group whose path names another inode than before (or none), and points
+/// `drain` at the renamed predecessor when it still has unread bytes; ends the drains that are
+/// done. `directory` ends in "/". Call after the directory was read and before positions are
+/// verified.
 void rotation_watch(ft_bm *group, const char *directory, const char *filter);

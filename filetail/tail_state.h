@@ -14,48 +14,48 @@ struct plugin;
 struct ft_bm;
 struct tail_lookup;
 
-// What the file system said about a file when its checksums were last computed. While it says
-// the same again, and said it long enough after the last change, the checksums still hold.
+/// What the file system said about a file when its checksums were last computed. While it says
+/// the same again, and said it long enough after the last change, the checksums still hold.
 struct file_sight {
     uint64_t device;
     uint64_t inode;
-    uint64_t size;       // bytes
-    int64_t changed_ns;  // st_ctim, nanoseconds since 1970
-    int64_t written_ns;  // st_mtim, nanoseconds since 1970
-    uint32_t head;       // checksum of the first 256 bytes at that moment
-    uint32_t tail;       // checksum of the 256 bytes that end one byte before the end
+    uint64_t size;       ///< bytes
+    int64_t changed_ns;  ///< st_ctim, nanoseconds since 1970
+    int64_t written_ns;  ///< st_mtim, nanoseconds since 1970
+    uint32_t head;       ///< checksum of the first 256 bytes at that moment
+    uint32_t tail;       ///< checksum of the 256 bytes that end one byte before the end
 };
 
-// One tailed file. Owned by its group; made zeroed, freed with free_fdesc().
+/// One tailed file. Owned by its group; made zeroed, freed with free_fdesc().
 struct fdesc {
-    char *n;     // full path, directory and name; owned
-    ft_bm *p;    // the group that owns this file
-    uint64_t l;  // location: bytes whose events have been sent
-    uint32_t h;  // head checksum of the record, as last written or found
-    uint32_t t;  // tail checksum of the record, as last written or found
-    uint8_t d;   // 1 = not yet met in the current scan of the directory
+    char *n;     ///< full path, directory and name; owned
+    ft_bm *p;    ///< the group that owns this file
+    uint64_t l;  ///< location: bytes whose events have been sent
+    uint32_t h;  ///< head checksum of the record, as last written or found
+    uint32_t t;  ///< tail checksum of the record, as last written or found
+    uint8_t d;   ///< 1 = not yet met in the current scan of the directory
 
-    uint8_t known;     // 1 = `l`, `h` and `t` were written to the record or found in it
-    uint8_t unsaved;   // 1 = the last bookmark write failed: `l` is newer than the record
-    uint8_t unlisted;  // 1 = the last look-up found no record
-    uint8_t settled;   // 1 = `sight` was taken well after the file's last change
-    uint8_t at_end;    // set by the reader: 1 = it stopped because no complete event was left
+    uint8_t known;     ///< 1 = `l`, `h` and `t` were written to the record or found in it
+    uint8_t unsaved;   ///< 1 = the last bookmark write failed: `l` is newer than the record
+    uint8_t unlisted;  ///< 1 = the last look-up found no record
+    uint8_t settled;   ///< 1 = `sight` was taken well after the file's last change
+    uint8_t at_end;    ///< set by the reader: 1 = it stopped because no complete event was left
     file_sight sight;
-    char *drain;  // renamed file whose unread rest comes first, else null; owned
+    char *drain;  ///< renamed file whose unread rest comes first, else null; owned
 };
 
-// The file to read for `file`: a renamed predecessor while its rest is being drained.
+/// The file to read for `file`: a renamed predecessor while its rest is being drained.
 inline const char *tail_path(const fdesc *file) {
     return file->drain ? file->drain : file->n;
 }
 
-// The group of one worker. Made with new_tail_group(), freed with free_tail_group() (discovery.h).
+/// The group of one worker. Made with new_tail_group(), freed with free_tail_group() (discovery.h).
 struct ft_bm {
-    pthread_t *t;  // the worker, null when none was started; freed by whoever joins it
-    plugin *p;     // the owning plugin; not owned
-    fdesc **f;     // the tailed files in the order they were first found; owned
-    int32_t fc;    // number of files
+    pthread_t *t;  ///< the worker, null when none was started; freed by whoever joins it
+    plugin *p;     ///< the owning plugin; not owned
+    fdesc **f;     ///< the tailed files in the order they were first found; owned
+    int32_t fc;    ///< number of files
 
-    int32_t room;         // entries that `f` can hold
-    tail_lookup *lookup;  // discovery's tables for finding a path in `f`; owned
+    int32_t room;         ///< entries that `f` can hold
+    tail_lookup *lookup;  ///< discovery's tables for finding a path in `f`; owned
 };

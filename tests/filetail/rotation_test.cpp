@@ -1,0 +1,187 @@
+// Opt-in rotation_drain: the unread rest of a file that was renamed is read before the new one.
+
+#include "filetail/rotation.h"
+
+#include "tests/filetail/discovery_kit.h"
+
+namespace {
+
+using namespace bookmark_kit;
+
+class RotationTest : public ScanTest {
+  protected:
+    void SetUp() override {
+        ScanTest::SetUp();
+        conf.rotation_drain = 1;
+        path = logs + "a.log";
+        owner.ft.ft_start_top = 1;
+        write_file(path, old_text);
+        update_file_list(group);
+        ASSERT_EQ(group->fc, 1);
+        file = group->f[0];
+        read_all(0);
+        update_file_list(group);
+        append_file(path, rest);
+    }
+    void rename_to(const std::string &name) { std::filesystem::rename(path, logs + name); }
+    void pass() {
+        update_file_list(group);
+        for (int i = 0; i < group->fc; ++i) read_all(i);
+    }
+    const std::string old_text = lines(100, "old");
+    const std::string rest = lines(10, "rest");
+    const std::string fresh = lines(300, "fresh");
+    std::string path;
+    fdesc *file = nullptr;
+};
+
+TEST_F(RotationTest, RestOfARenamedFileComesFirst) {
+    rename_to("a.log.1");
+    write_file(path, fresh);
+    Capture log;
+    update_file_list(group);
+    ASSERT_NE(file->drain, nullptr);
+    EXPECT_EQ(tail_path(file), logs + "a.log.1");
+    EXPECT_EQ(file->l, old_text.size());
+    EXPECT_EQ(
+        count_of(log.text(), ":(INFO) Reading the rest of renamed file: " + logs + "a.log.1\n"),
+        1u);
+    for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + fresh);
+    EXPECT_EQ(file->drain, nullptr);
+    EXPECT_EQ(tail_path(file), path);
+    EXPECT_EQ(image().size(), 199u);
+    EXPECT_EQ(image().substr(0, 15), record(fresh.size(), 0, 0, "").substr(0, 15));
+}
+
+TEST_F(RotationTest, BookmarkOfTheRestStandsUnderTheOldName) {
+    rename_to("a.log.1");
+    write_file(path, fresh);
+    pass();
+    const std::string all = old_text + rest;
+    EXPECT_EQ(image(), record(all.size(), head_of(all), tail_of(all), path));
+}
+
+TEST_F(RotationTest, WithoutTheOptInTheRestIsLost) {
+    conf.rotation_drain = 0;
+    rename_to("a.log.1");
+    write_file(path, fresh);
+    for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + fresh);
+}
+
+TEST_F(RotationTest, NewFileMayComeLater) {
+    rename_to("a.log.1");
+    pass();
+    EXPECT_EQ(received, old_text + rest);
+    ASSERT_EQ(group->fc, 1) << "kept while its rest is read";
+    pass();
+    EXPECT_EQ(group->fc, 0);
+    EXPECT_EQ(image(), "");
+    write_file(path, fresh);
+    for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + fresh);
+}
+
+TEST_F(RotationTest, RestIsNotGivenUpWhileItCouldNotBeSent) {
+    rename_to("a.log.1");
+    write_file(path, fresh);
+    for (int i = 0; i < 5; ++i) update_file_list(group);
+    EXPECT_NE(file->drain, nullptr);
+    for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + fresh);
+}
+
+TEST_F(RotationTest, RenamedAgainWhileItIsRead) {
+    rename_to("a.log.1");
+    write_file(path, fresh);
+    update_file_list(group);
+    std::filesystem::rename(logs + "a.log.1", logs + "a.log.2");
+    update_file_list(group);
+    EXPECT_EQ(tail_path(file), logs + "a.log.2");
+    for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + fresh);
+}
+
+TEST_F(RotationTest, DeletedWhileItIsRead) {
+    rename_to("a.log.1");
+    write_file(path, fresh);
+    update_file_list(group);
+    std::filesystem::remove(logs + "a.log.1");
+    for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + fresh);
+    EXPECT_EQ(file->drain, nullptr);
+}
+
+TEST_F(RotationTest, NameThatThePatternMatchesIsAFileOfItsOwn) {
+    rename_to("b.log");
+    write_file(path, fresh);
+    update_file_list(group);
+    EXPECT_EQ(file->drain, nullptr);
+    EXPECT_EQ(group->fc, 2);
+}
+
+TEST_F(RotationTest, NothingLeftToReadIsNoDrain) {
+    read_all(0);
+    rename_to("a.log.1");
+    write_file(path, fresh);
+    update_file_list(group);
+    EXPECT_EQ(file->drain, nullptr);
+    EXPECT_EQ(file->l, 0u);
+    for (int i = 0; i < 2; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + fresh);
+}
+
+TEST_F(RotationTest, AnotherFileWithTheInodeIsNotTaken) {
+    rename_to("a.log.1");
+    write_file(logs + "a.log.1", lines(500, "quite another text"));
+    write_file(path, fresh);
+    for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + fresh);
+}
+
+TEST_F(RotationTest, SameBeginningIsToldApartByTheInode) {
+    rename_to("a.log.1");
+    const std::string similar = old_text + lines(300, "similar");
+    write_file(path, similar);
+    for (int i = 0; i < 4; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + similar);
+}
+
+TEST_F(RotationTest, SmallFileThatGrewBeforeItWasRenamed) {
+    write_file(path, "");
+    update_file_list(group);
+    append_file(path, "one\n");
+    update_file_list(group);
+    received.clear();
+    read_all(0);
+    update_file_list(group);
+    append_file(path, "two\n");
+    rename_to("a.log.1");
+    write_file(path, "three\n");
+    for (int i = 0; i < 4; ++i) pass();
+    EXPECT_EQ(received, "one\ntwo\nthree\n");
+}
+
+TEST_F(RotationTest, ManyFilesInOneRotation) {
+    for (int i = 0; i < 200; ++i) write_file(logs + std::to_string(i) + ".log", old_text);
+    for (int i = 0; i < 2; ++i) pass();
+    for (int i = 0; i < 200; ++i) {
+        const std::string name = logs + std::to_string(i) + ".log";
+        append_file(name, "rest " + std::to_string(i) + "\n");
+        std::filesystem::rename(name, name + ".1");
+        write_file(name, "fresh " + std::to_string(i) + "\n");
+    }
+    received.clear();
+    for (int i = 0; i < 4; ++i) pass();
+    for (int i = 0; i < 200; ++i) {
+        const size_t rest_at = received.find("rest " + std::to_string(i) + "\n");
+        const size_t fresh_at = received.find("fresh " + std::to_string(i) + "\n");
+        ASSERT_NE(rest_at, std::string::npos) << i;
+        ASSERT_NE(fresh_at, std::string::npos) << i;
+        EXPECT_LT(rest_at, fresh_at);
+        EXPECT_EQ(count_of(received, "fresh " + std::to_string(i) + "\n"), 1u);
+    }
+}
+
+}  // namespace
