@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -306,18 +307,21 @@ TEST_F(LogFile, AnUnusablePathLeavesStandardErrorOpen) {
     EXPECT_TRUE(std::filesystem::is_directory(path));
 }
 
-TEST_F(LogFile, AFailedReopenIsMadeUpForLater) {
+TEST_F(LogFile, AFailedReopenLeavesStandardErrorOpenAndIsMadeUpForLater) {
     logged([this] {
-        const std::string logs = dir / "logs", away = dir / "away";
+        rlimit usual;
+        getrlimit(RLIMIT_NOFILE, &usual);
+        const rlimit none = {3, usual.rlim_max};
         if (truncate(path.c_str(), kLimit) != 0) _exit(2);
-        std::filesystem::remove(path);
-        std::filesystem::create_directory(path);  // the log cannot be opened anew
-        set_log_level(0);
-        check_file_size();
-        set_log_level(7);
-        logger(kLogInfo, "to the removed file");
+        setrlimit(RLIMIT_NOFILE, &none);
+        logger(kLogInfo, "finds no descriptor");
         if (fcntl(STDERR_FILENO, F_GETFD) < 0) _exit(3);
+        if (size() < kLimit) _exit(4);
+        setrlimit(RLIMIT_NOFILE, &usual);
+        logger(kLogInfo, "empties the log");
+        logger(kLogInfo, "next");
     });
+    EXPECT_EQ(messages(read_file(path)), "(INFO) next\n");
 }
 
 TEST_F(LogFile, ALinkGivesWayAndItsTargetStays) {
