@@ -1,0 +1,82 @@
+#include "lpc/runtime.h"
+
+#include <exception>
+#include <mutex>
+#include <thread>
+
+#include "lpc/cross_objects.h"
+#include "lpc/dylib_manager.h"
+#include "lpc/factory.h"
+#include "lpc/logger.h"
+#include "lpc/wide_text.h"
+
+namespace velmor_com::NQ::LPC {
+
+namespace {
+
+// The thread on which the runtime is replaced at its own request, one at a time.
+struct Reloader {
+    std::mutex guard;
+    std::thread thread;
+    bool closed = true;  ///< no request is taken any more
+    bool busy = false;
+};
+
+// Never destroyed: a process may end while the thread still runs.
+Reloader &reloader = *new Reloader;
+
+void reload_now() {
+    unloadLPCRuntime();
+    if (loadNewLPCRuntime() == 0) LPCDylibManager::instance()->announceRuntime();
+    std::lock_guard guard(reloader.guard);
+    reloader.busy = false;
+}
+
+// On a thread of the runtime. A request during a reload is met by that reload.
+void request_reload() {
+    std::lock_guard guard(reloader.guard);
+    if (reloader.closed || reloader.busy) return;
+    if (reloader.thread.joinable()) reloader.thread.join();
+    reloader.busy = true;
+    reloader.thread = std::thread(reload_now);
+}
+
+void set_reloading(bool allowed) {
+    std::thread last;
+    {
+        std::lock_guard guard(reloader.guard);
+        reloader.closed = !allowed;
+        last.swap(reloader.thread);
+    }
+    if (last.joinable()) last.join();
+}
+
+}  // namespace
+
+int initializeLPC(const std::string &processId, const std::wstring &tmpDir,
+                  VlrLpcCallbacks *&callbacks, ISerializationFactory *&factory) try {
+    ServicesCrossObjectFactory::setReload(request_reload);
+    LPCFactory::instance()->configure(processId);
+    const int result =
+        LPCDylibManager::instance()->initialize(processId, tmpDir, callbacks, factory);
+    if (result == 0) set_reloading(true);
+    return result;
+} catch (const std::exception &error) {
+    Services::LPCLogger::getLogger()->logError(L"LPCDLLManager", widen_text(error.what()).c_str());
+    return -1;
+}
+
+void deinitializeLPC() {
+    set_reloading(false);
+    LPCDylibManager::instance()->deinitialize();
+}
+
+void unloadLPCRuntime() {
+    LPCDylibManager::instance()->unloadVlrLpcDll(true);
+}
+
+int loadNewLPCRuntime() {
+    return LPCDylibManager::instance()->loadVlrLpcDll(true);
+}
+
+}  // namespace velmor_com::NQ::LPC
