@@ -34,6 +34,11 @@ if(COLLECTOR_SANITIZE STREQUAL "address")
     add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined
         -fno-omit-frame-pointer)
     add_link_options(-fsanitize=address,undefined)
+elseif(COLLECTOR_FUZZ)
+    # Coverage feedback is wanted from the parsers, not only from the targets that call them.
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined
+        -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=address,undefined)
 elseif(COLLECTOR_SANITIZE STREQUAL "thread")
     add_compile_options(-fsanitize=thread)
     add_link_options(-fsanitize=thread)
