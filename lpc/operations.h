@@ -16,6 +16,9 @@ struct Operation {
     const char *name;
     Member member;
 };
+/// Older compilers deduce nothing for an aggregate on their own.
+template <class Member>
+Operation(const char *, Member) -> Operation<Member>;
 
 /// The list of interface I: what every interface has, and then its own.
 template <class I>
