@@ -2,11 +2,12 @@
 // unusable, cut, damaged, changed or replaced by hand, or full.
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "filetail/bookmark.h"
 #include "filetail/bookmark_file.h"
@@ -359,45 +360,6 @@ TEST_F(BookmarkFailureTest, GarbageIsKeptAndWorkedAround) {
     EXPECT_EQ(image().substr(0, garbage.size()), garbage);
     EXPECT_EQ(image().size(), 5 * 199u);
     EXPECT_EQ(get_bookmark(file), 1);
-}
-
-class FullDiskTest : public BookmarkFailureTest {
-  protected:
-    // A limit on the size of files stands for a full disk.
-    void limit_to(rlim_t bytes) {
-        signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &before_);
-        rlimit low = before_;
-        low.rlim_cur = bytes;
-        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &low), 0);
-    }
-    void unlimit() { ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before_), 0); }
-    rlimit before_ = {};
-};
-
-TEST_F(FullDiskTest, RecordThatDoesNotFitLeavesTheFileAsItWas) {
-    three();
-    const std::string saved = image();
-    write_file(logs + "d", lines(100, "d"));
-    fdesc *d = track_at(logs + "d", 40);
-    for (const rlim_t room : {0, 1, 100, 198}) {
-        Capture log;
-        limit_to(3 * 199 + room);
-        EXPECT_EQ(update(d), -1);
-        unlimit();
-        EXPECT_EQ(image(), saved) << room;
-        EXPECT_EQ(count_of(log.text(), ":(ERROR) Error writing bookmark file (" + bookmarks + ")"),
-                  1u);
-    }
-    EXPECT_EQ(d->unsaved, 1);
-    EXPECT_EQ(get_bookmark(d), 1) << "memory wins";
-    EXPECT_EQ(d->l, 40u);
-    limit_to(3 * 199);
-    files[0]->l = 99;
-    EXPECT_EQ(update(files[0]), 0) << "an own record needs no room";
-    unlimit();
-    EXPECT_EQ(update(d), 0);
-    EXPECT_EQ(image().size(), 4 * 199u);
 }
 
 }  // namespace

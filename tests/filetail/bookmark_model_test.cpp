@@ -1,8 +1,7 @@
 // Random programs of updates, look-ups, deletions and changes by hand, beside a model that keeps
 // the records in a plain list: after each step the file must be the model's, byte for byte.
 
-#include <fcntl.h>
-
+#include <algorithm>
 #include <atomic>
 #include <random>
 #include <thread>

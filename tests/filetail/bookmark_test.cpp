@@ -3,6 +3,7 @@
 #include "filetail/bookmark.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include "filetail/bookmark_format.h"
 #include "tests/filetail/bookmark_kit.h"
@@ -212,76 +213,6 @@ TEST_F(BookmarkTest, SmallFileThatGrewStartsOver) {
     EXPECT_EQ(file->l, 0u);
 }
 
-class SmallFileGuardTest : public StoreTest {
-  protected:
-    void SetUp() override {
-        StoreTest::SetUp();
-        bookmark_guard_small_files(true);
-        path = logs + "a";
-    }
-    uint64_t location_after_look_up() {
-        forget();
-        fdesc *file = track(path);
-        EXPECT_EQ(get_bookmark(file), 1);
-        return file->l;
-    }
-    std::string path;
-};
-
-TEST_F(SmallFileGuardTest, ResumesWhatOnlyGrew) {
-    write_file(path, "one\n");
-    update(track_at(path, 4));
-    append_file(path, "two\n");
-    EXPECT_EQ(location_after_look_up(), 4u);
-    append_file(path, lines(500));
-    EXPECT_EQ(location_after_look_up(), 4u);
-}
-
-TEST_F(SmallFileGuardTest, AnUnfinishedLineBehindTheLocationBelongsToTheStart) {
-    write_file(path, "one\nunfin");
-    update(track_at(path, 4));
-    append_file(path, "ished\n");
-    EXPECT_EQ(location_after_look_up(), 4u);
-}
-
-TEST_F(SmallFileGuardTest, OtherTextStartsOver) {
-    write_file(path, "one\n");
-    update(track_at(path, 4));
-    write_file(path, "uno\ndue\n");
-    EXPECT_EQ(location_after_look_up(), 0u);
-}
-
-TEST_F(SmallFileGuardTest, CutFileStartsOver) {
-    write_file(path, "one\ntwo\n");
-    update(track_at(path, 8));
-    write_file(path, "one\n");
-    EXPECT_EQ(location_after_look_up(), 0u);
-}
-
-// The file was emptied after its events were read but before the bookmark was written: what came
-// then was never sent, although the record's checksum is that of an empty beginning.
-TEST_F(SmallFileGuardTest, EmptiedBeforeTheBookmarkStartsOver) {
-    write_file(path, "");
-    write_file(bookmarks, record(8, crc256(""), crc256(""), path));
-    write_file(path, "new text that was never sent\n");
-    EXPECT_EQ(location_after_look_up(), 0u);
-}
-
-TEST_F(SmallFileGuardTest, Between255And256Bytes) {
-    write_file(path, std::string(255, 'x'));
-    update(track_at(path, 255));
-    append_file(path, std::string(100, 'y'));
-    EXPECT_EQ(location_after_look_up(), 255u);
-    write_file(path, std::string(256, 'x'));
-    forget();
-    std::filesystem::remove(bookmarks);
-    update(track_at(path, 256));
-    append_file(path, std::string(100, 'y'));
-    EXPECT_EQ(location_after_look_up(), 256u);
-    write_file(path, std::string(255, 'x') + std::string(100, 'y'));
-    EXPECT_EQ(location_after_look_up(), 0u);
-}
-
 TEST_F(BookmarkTest, DeletingTheOnlyRecordLeavesAnEmptyFile) {
     write_file(logs + "a", lines(50));
     update(track_at(logs + "a", 5));
@@ -388,99 +319,6 @@ TEST_F(BookmarkTest, FirstOfSeveralRecordsOfAPathCounts) {
     delete_bookmark(file->n);
     EXPECT_EQ(get_bookmark(file), 1);
     EXPECT_EQ(file->l, 20u);
-}
-
-class VerifyTest : public StoreTest {
-  protected:
-    ft_bm group = {};
-    void verify() {
-        group.f = files.data();
-        group.fc = static_cast<int32_t>(files.size());
-        verify_bookmark_file(&group);
-    }
-};
-
-TEST_F(VerifyTest, SetsEveryPositionFromItsRecord) {
-    for (const char *name : {"a", "b", "c"}) {
-        write_file(logs + name, lines(100, name));
-        update(track_at(logs + name, 100));
-    }
-    write_file(bookmarks, image().replace(0, 15, "000000000000050"));
-    files[2]->l = 12345;
-    verify();
-    EXPECT_EQ(files[0]->l, 50u);
-    EXPECT_EQ(files[1]->l, 100u);
-    EXPECT_EQ(files[2]->l, 100u);
-}
-
-TEST_F(VerifyTest, VanishedFileLosesItsRecord) {
-    for (const char *name : {"a", "b", "c"}) {
-        write_file(logs + name, lines(100, name));
-        update(track_at(logs + name, 100));
-    }
-    const std::string before = image();
-    std::filesystem::remove(logs + "b");
-    verify();
-    EXPECT_EQ(image(), before.substr(0, 199) + before.substr(398));
-    EXPECT_EQ(files[1]->l, 100u) << "the position in memory stays";
-}
-
-TEST_F(VerifyTest, RecordRemovedByHandKeepsThePositionInMemory) {
-    write_file(logs + "a", lines(100));
-    update(track_at(logs + "a", 100));
-    write_file(bookmarks, "");
-    verify();
-    EXPECT_EQ(files[0]->l, 100u);
-    EXPECT_EQ(image(), "");
-}
-
-TEST_F(VerifyTest, FileWithoutARecordThatWasCutStartsOver) {
-    const std::string path = logs + "a b";
-    write_file(path, lines(100));
-    update(track_at(path, 500));
-    verify();
-    EXPECT_EQ(files[0]->l, 500u);
-    write_file(path, lines(1));
-    verify();
-    EXPECT_EQ(files[0]->l, 0u);
-}
-
-TEST_F(VerifyTest, ChangedFileIsLookedAtAgainAndUnchangedOneLogsTheSame) {
-    const std::string path = logs + "a";
-    write_file(path, lines(100));
-    update(track_at(path, 100));
-    // Old enough for its checksums to be kept.
-    std::string first, second;
-    {
-        Capture log(15);
-        verify();
-        first = log.text().substr(20);
-    }
-    files[0]->settled = 1;
-    {
-        Capture log(15);
-        verify();
-        second = log.text().substr(20);
-    }
-    EXPECT_EQ(count_of(first, "Resume reading file: " + path + " starting at: 100\n"), 1u);
-    EXPECT_EQ(count_of(first, "\n"), count_of(second, "\n"));
-    EXPECT_EQ(count_of(second, "Resume reading file: " + path + " starting at: 100\n"), 1u);
-    write_file(path, lines(100, "quite another log"));
-    verify();
-    EXPECT_EQ(files[0]->l, 0u);
-}
-
-TEST_F(VerifyTest, EqualSizeAndAnotherHeadIsNoticed) {
-    const std::string path = logs + "a";
-    write_file(path, std::string(5000, 'a'));
-    update(track_at(path, 100));
-    verify();
-    EXPECT_EQ(files[0]->settled, 0) << "changed a moment ago: not to be trusted yet";
-    const int fd = open(path.c_str(), O_WRONLY);
-    ASSERT_EQ(pwrite(fd, "b", 1, 0), 1);
-    close(fd);
-    verify();
-    EXPECT_EQ(files[0]->l, 0u);
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "config/plugin_record.h"
+#include "config/siem_config.h"
 #include "filetail/ruv.h"
 #include "tests/filetail/bookmark_kit.h"
 

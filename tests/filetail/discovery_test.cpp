@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include "filetail/ruv.h"
 #include "tests/filetail/bookmark_kit.h"
