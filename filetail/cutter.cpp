@@ -80,13 +80,31 @@ void replace_newlines(char *event) {
     }
 }
 
-// One byte after the other without a branch, which the compiler turns into wide instructions.
-__attribute__((optimize("tree-vectorize", "vect-cost-model=unlimited"))) void clean_text(
-    char *text, size_t length) {
-    for (size_t i = 0; i < length; ++i) {
-        const char c = text[i];
-        text[i] = c == '\n' || c == '\r' || c == '\0' ? kBlank : c;
+namespace {
+
+/// Sixteen bytes at a time: every byte of every event goes through here.
+using block = char __attribute__((vector_size(16)));
+
+void clean_block(char *text) {
+    block bytes;
+    memcpy(&bytes, text, sizeof bytes);
+    const auto ends = (bytes == '\n') | (bytes == '\r') | (bytes == '\0');
+    bytes = ends ? block{} + kBlank : bytes;
+    memcpy(text, &bytes, sizeof bytes);
+}
+
+}  // namespace
+
+void clean_text(char *text, size_t length) {
+    if (length < sizeof(block)) {
+        for (size_t i = 0; i < length; ++i) {
+            if (text[i] == '\n' || text[i] == '\r' || text[i] == '\0') text[i] = kBlank;
+        }
+        return;
     }
+    // The last block may overlap the one before it: cleaning twice changes nothing.
+    for (size_t i = 0; i + sizeof(block) < length; i += sizeof(block)) clean_block(text + i);
+    clean_block(text + length - sizeof(block));
 }
 
 size_t leading_nuls(const char *text, size_t length) {
