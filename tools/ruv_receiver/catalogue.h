@@ -11,9 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "tools/ruv_receiver/json.h"
+#include "tools/common/json_writer.h"
 
 namespace receiver {
+
+using tools::append_number;
+using tools::json_object;
 
 /** One section of the file. */
 struct custom_field {

@@ -1,10 +1,10 @@
-#include "tools/ruv_receiver/json.h"
+#include "tools/common/json_writer.h"
 
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 
-namespace receiver {
+namespace tools {
 namespace {
 
 constexpr char kHexDigits[] = "0123456789abcdef";
@@ -138,4 +138,4 @@ void json_object::hex(std::string_view field, const uint8_t *bytes, size_t lengt
     out_ += '"';
 }
 
-}  // namespace receiver
+}  // namespace tools

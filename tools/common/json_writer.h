@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-namespace receiver {
+namespace tools {
 
 class json_object {
   public:
@@ -53,4 +53,4 @@ void append_base64(std::string &out, std::string_view bytes);
 /** Appends an unsigned number in decimal. */
 void append_number(std::string &out, uint64_t value);
 
-}  // namespace receiver
+}  // namespace tools
