@@ -36,11 +36,11 @@ void trace_exit(const char *function, int line, bool failed);
 /// body's result. A negative number or a null pointer counts as failure.
 template <class Body>
 auto traced(const char *name, Body body, int line = __builtin_LINE()) {
-    const bool lines = enabled(debug_fn_call) || enabled(debug_trace);
-    if (lines) [[unlikely]]
+    const auto lines = [] { return enabled(debug_fn_call) || enabled(debug_trace); };
+    if (lines()) [[unlikely]]
         trace_enter(name, line);
     auto result = body();
-    if (lines) [[unlikely]] {
+    if (lines()) [[unlikely]] {
         if constexpr (std::is_pointer_v<decltype(result)>)
             trace_exit(name, line, result == nullptr);
         else

@@ -137,6 +137,12 @@ class receiver {
         const std::lock_guard<std::mutex> guard(lock_);
         return transcript_;
     }
+    // Waits until `count` connections were accepted, at most 30 s; returns how many there are.
+    int wait_connections(int count) const {
+        for (int i = 0; i < 3000 && connections_ < count; ++i)
+            usleep(10'000);
+        return connections_;
+    }
     // Waits until `count` bytes have arrived, at most 30 s; returns what there is.
     std::string wait_received(size_t count) const {
         for (int i = 0; i < 3000 && received().size() < count; ++i) usleep(10'000);
