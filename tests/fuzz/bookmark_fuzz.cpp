@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -17,7 +18,10 @@ namespace {
 
 const std::string &image_path() {
     static const std::string path = [] {
-        char name[] = "/tmp/bookmark_fuzz_XXXXXX";
+        char name[64];
+        // Memory where there is a file system of it: the disk would set the pace.
+        snprintf(name, sizeof name, "%s/bookmark_fuzz_XXXXXX",
+                 access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
         const int fd = mkstemp(name);
         if (fd < 0) abort();
         close(fd);

@@ -1,5 +1,6 @@
 // Configuration files: read with and without comments, turned into settings, then checked.
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -15,14 +16,11 @@
 
 namespace {
 
-// One file for the whole run, rewritten for each input and removed at once: only its descriptor
-// lives on.
+// One file in memory for the whole run, rewritten for each input.
 const std::string &input_path() {
     static const std::string path = [] {
-        char name[] = "/tmp/config_fuzz_XXXXXX";
-        const int fd = mkstemp(name);
+        const int fd = memfd_create("config_fuzz", MFD_CLOEXEC);
         if (fd < 0) abort();
-        unlink(name);
         return "/proc/self/fd/" + std::to_string(fd);
     }();
     return path;
