@@ -200,7 +200,8 @@ class Decode(ReceiverTest):
 
     def test_text_without_loss(self):
         texts = [b"", bytes(range(256)), "grün \u20ac \U0001f600".encode(), b"\xc3",
-                 b"\xed\xa0\x80", b"\xc0\x80", b"\xf4\x90\x80\x80", b"\xe0\x80\x80", b'"\\\n\t\x7f', b"x" * 65535]
+                 b"\xed\xa0\x80", b"\xc0\x80", b"\xf4\x90\x80\x80", b"\xe0\x80\x80",
+                 b'"\\\n\t\x7f', b"x" * 65535]
         receiver = self.receiver()
         client = self.client(receiver)
         for text in texts:

@@ -132,6 +132,7 @@ bool session::fill(void *record, const job &wanted, record_memory *memory) {
             case set_result::done:
                 break;
             case set_result::refused:
+                if (field.optional) break;
                 report(call.c_str(), -1);
                 return false;
             case set_result::unknown:
