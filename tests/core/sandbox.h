@@ -47,6 +47,19 @@ inline void write_file(const std::string &path, const std::string &text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
+/// A log without its time stamps, the 21 characters up to and with the colon that begin a line.
+inline std::string without_stamps(const std::string &log) {
+    std::istringstream lines(log);
+    std::string line, result;
+    while (std::getline(lines, line)) {
+        const bool stamped = line.size() > 21 && line[3] == ' ' && line[6] == ' ' &&
+                             line[9] == ':' && line[12] == ':' && line.substr(20, 2) == ":(";
+        result += stamped ? line.substr(21) : line;
+        if (!lines.eof()) result += '\n';
+    }
+    return result;
+}
+
 struct child_result {
     int status = -1;  ///< exit status, or -1 when a signal ended the child
     std::string out, err;

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -184,7 +183,7 @@ std::string argument_log(const std::vector<std::string> &words, const std::strin
         args_log_program_args();
     });
     EXPECT_EQ(child.status, 0);
-    return std::regex_replace(child.out, std::regex("(^|\n).{20}:"), "$1");
+    return without_stamps(child.out);
 }
 
 TEST_F(Args, TheLogMarksWhatIsNotUsual) {

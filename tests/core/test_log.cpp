@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <clocale>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,12 +26,6 @@ std::string console(const std::function<void()> &work) {
     EXPECT_EQ(child.status, 0);
     EXPECT_EQ(child.err, "");
     return child.out;
-}
-
-// The message parts of all lines, without time stamps.
-std::string messages(const std::string &log) {
-    static const std::regex stamp(R"((^|\n)[A-Z][a-z]{2} \d\d \d\d:\d\d:\d\d \d{4}:)");
-    return std::regex_replace(log, stamp, "$1");
 }
 
 TEST(LogLevels, WordsGiveCumulativeMasks) {
@@ -66,7 +59,7 @@ TEST(LogLevels, NamesOfTheLevels) {
         logger_init(0xFFFF, nullptr, 0);
         for (const uint64_t level : {1, 2, 4, 8, 16, 3, 32}) logger(level, "x");
     });
-    EXPECT_EQ(messages(log),
+    EXPECT_EQ(without_stamps(log),
               "(ERROR) x\n(INFO) x\n(WARN) x\n(DEBUG) x\n(DIAG) x\n(UNKNOWN) x\n(UNKNOWN) x\n");
 }
 
@@ -82,7 +75,7 @@ TEST(LogLevels, TheMaskDecides) {
         logger(0x10000, "dropped");
         logger(kLogError, "last");
     });
-    EXPECT_EQ(messages(log), "(INFO) written\n(WARN) written too\n(ERROR) last\n");
+    EXPECT_EQ(without_stamps(log), "(INFO) written\n(WARN) written too\n(ERROR) last\n");
 }
 
 TEST(LogLevels, LogEnabledTellsWhatTheLoggerDoes) {
@@ -99,7 +92,7 @@ TEST(LogLevels, TheBridgesLevelsAreMapped) {
         for (int level = -1; level <= 6; ++level) lpc_log(level, L"m");
         lpc_log(1, nullptr);
     });
-    EXPECT_EQ(messages(log),
+    EXPECT_EQ(without_stamps(log),
               "(DEBUG) m\n(DEBUG) m\n(INFO) m\n(WARN) m\n(ERROR) m\n(DEBUG) m\n(DEBUG) m\n"
               "(DEBUG) m\n(INFO) \n");
 }
@@ -111,7 +104,7 @@ TEST(LogLines, AnyLengthIsWrittenWhole) {
             logger_init(1, nullptr, 0);
             logger(kLogError, "%s", text.c_str());
         });
-        EXPECT_EQ(messages(log), "(ERROR) " + text + "\n");
+        EXPECT_EQ(without_stamps(log), "(ERROR) " + text + "\n");
     }
 }
 
@@ -129,7 +122,7 @@ TEST(LogLines, SeveralThreadsDoNotInterleave) {
         }
         for (std::thread &thread : threads) thread.join();
     });
-    std::istringstream lines(messages(log));
+    std::istringstream lines(without_stamps(log));
     std::string line;
     int count = 0;
     for (; std::getline(lines, line); ++count) {
@@ -152,7 +145,7 @@ TEST(LogLines, WideTextSurvivesInEveryLocale) {
         });
         std::string many;
         for (int i = 0; i < 3000; ++i) many += "\xc3\xbc";
-        EXPECT_EQ(messages(log),
+        EXPECT_EQ(without_stamps(log),
                   "(INFO) dir /gr\xc3\xbc\xc3\x9f end\n(INFO) \xe2\x82\xac\n(INFO) " + many + "\n")
             << locale;
     }
@@ -164,7 +157,7 @@ TEST(LogLines, BytesThatTheCLocaleCannotDecodeAreShownAsTheyAre) {
         logger_init(1, nullptr, 0);
         logger(kLogError, "%ls!", L"a\uf7c3\uf7a9\uf7ff");  // as core/utils.h widens C3 A9 FF
     });
-    EXPECT_EQ(messages(log), "(ERROR) a\xc3\xa9\xff!\n");
+    EXPECT_EQ(without_stamps(log), "(ERROR) a\xc3\xa9\xff!\n");
 }
 
 TEST(LogLines, TheStampHasTwentyCharacters) {
@@ -196,6 +189,8 @@ struct LogFile : testing::Test {
         EXPECT_EQ(child.out, "");
         return child;
     }
+    // What the log holds, but not a whole log that should have been emptied.
+    std::string text() const { return without_stamps(read_file(path).substr(0, 1000)); }
     off_t size() const {
         struct stat info;
         return stat(path.c_str(), &info) == 0 ? info.st_size : -1;
@@ -204,7 +199,7 @@ struct LogFile : testing::Test {
 
 TEST_F(LogFile, IsMadeWithItsDirectories) {
     EXPECT_EQ(logged([] { logger(kLogInfo, "hello"); }).err, "");
-    EXPECT_EQ(messages(read_file(path)), "(INFO) hello\n");
+    EXPECT_EQ(text(), "(INFO) hello\n");
 }
 
 TEST_F(LogFile, EachStartBeginsWithAnEmptyFile) {
@@ -228,7 +223,7 @@ TEST_F(LogFile, TenMebibytesAreEmptiedByTheNextMessage) {
         if (size() != 0) _exit(5);
         logger(kLogInfo, "next");
     });
-    EXPECT_EQ(messages(read_file(path)), "(INFO) next\n");
+    EXPECT_EQ(text(), "(INFO) next\n");
     EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
 }
 
@@ -298,11 +293,11 @@ TEST_F(LogFile, SeveralThreadsMayReachTheLimitAtOnce) {
 TEST_F(LogFile, AnUnusablePathLeavesStandardErrorOpen) {
     write_file(dir / "file", "x");
     path = dir / "file/below.log";
-    EXPECT_EQ(messages(logged([] { logger(kLogInfo, "still heard"); }).err),
+    EXPECT_EQ(without_stamps(logged([] { logger(kLogInfo, "still heard"); }).err),
               "(INFO) still heard\n");
     std::filesystem::create_directories(dir / "folder");
     path = dir / "folder";
-    EXPECT_EQ(messages(logged([] { logger(kLogInfo, "still heard"); }).err),
+    EXPECT_EQ(without_stamps(logged([] { logger(kLogInfo, "still heard"); }).err),
               "(INFO) still heard\n");
     EXPECT_TRUE(std::filesystem::is_directory(path));
 }
@@ -315,13 +310,14 @@ TEST_F(LogFile, AFailedReopenLeavesStandardErrorOpenAndIsMadeUpForLater) {
         if (truncate(path.c_str(), kLimit) != 0) _exit(2);
         setrlimit(RLIMIT_NOFILE, &none);
         logger(kLogInfo, "finds no descriptor");
-        if (fcntl(STDERR_FILENO, F_GETFD) < 0) _exit(3);
-        if (size() < kLimit) _exit(4);
+        const bool open = fcntl(STDERR_FILENO, F_GETFD) >= 0;
         setrlimit(RLIMIT_NOFILE, &usual);
+        if (!open) _exit(3);
+        if (size() < kLimit) _exit(4);
         logger(kLogInfo, "empties the log");
         logger(kLogInfo, "next");
     });
-    EXPECT_EQ(messages(read_file(path)), "(INFO) next\n");
+    EXPECT_EQ(text(), "(INFO) next\n");
 }
 
 TEST_F(LogFile, ALinkGivesWayAndItsTargetStays) {
@@ -331,13 +327,13 @@ TEST_F(LogFile, ALinkGivesWayAndItsTargetStays) {
     logged([] { logger(kLogInfo, "hello"); });
     EXPECT_EQ(read_file(dir / "target"), "precious");
     EXPECT_FALSE(std::filesystem::is_symlink(path));
-    EXPECT_EQ(messages(read_file(path)), "(INFO) hello\n");
+    EXPECT_EQ(text(), "(INFO) hello\n");
 }
 
 TEST_F(LogFile, AFifoIsNeitherDeletedNorWaitedFor) {
     path = dir / "fifo.log";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    EXPECT_EQ(messages(logged([] { logger(kLogInfo, "hello"); }).err), "(INFO) hello\n");
+    EXPECT_EQ(without_stamps(logged([] { logger(kLogInfo, "hello"); }).err), "(INFO) hello\n");
     EXPECT_TRUE(std::filesystem::is_fifo(path));
 }
 
