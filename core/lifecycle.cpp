@@ -21,9 +21,7 @@
 #include "core/utils.h"
 #include "filetail/bookmark.h"
 #include "filetail/ruv.h"
-#ifdef COLLECTOR_WITH_BRIDGE
 #include "lpc_interface/lpc_interface.h"
-#endif
 
 std::atomic<int32_t> process_sig{0};
 
@@ -67,17 +65,13 @@ uint64_t start_log_mask() {
 // Its result is not looked at: without an agent the daemon runs unmanaged. Threads of the agent's
 // runtime inherit the mask.
 void start_bridge() {
-#ifdef COLLECTOR_WITH_BRIDGE
     const stop_signals_blocked quiet;
     bridge_started = true;
     init_lpc(lpc_log);
-#endif
 }
 
 void stop_bridge() {
-#ifdef COLLECTOR_WITH_BRIDGE
     if (bridge_started) deinit_lpc();
-#endif
     bridge_started = false;
 }
 
