@@ -1,6 +1,8 @@
 #include "filetail/bookmark_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,13 +24,45 @@ off_t offset_of(int32_t slot) {
     return static_cast<off_t>(slot) * kBookmarkRecord;
 }
 
-bool same_time(const timespec &a, const timespec &b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+int64_t nanoseconds(const timespec &t) {
+    return t.tv_sec * int64_t{1'000'000'000} + t.tv_nsec;
 }
 
-bool same_file(const struct stat &a, const struct stat &b) {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
-           same_time(a.st_mtim, b.st_mtim) && same_time(a.st_ctim, b.st_ctim);
+// True when the path still leads to the file that is open, as far as that can be told without its
+// time stamps.
+bool is_same_file(const bookmark_file *file, const char *path) {
+    constexpr unsigned kMask =
+        STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_INO | STATX_SIZE;
+    struct statx now;
+    return statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, kMask, &now) == 0 &&
+           now.stx_ino == file->inode &&
+           makedev(now.stx_dev_major, now.stx_dev_minor) == file->device &&
+           static_cast<int64_t>(now.stx_size) == file->size && now.stx_mode == file->access[0] &&
+           now.stx_uid == file->access[1] && now.stx_gid == file->access[2];
+}
+
+// Takes everything that is_same_file() and is_unchanged() compare.
+void note_status(bookmark_file *file, const struct stat &st) {
+    file->device = st.st_dev;
+    file->inode = st.st_ino;
+    file->access[0] = st.st_mode;
+    file->access[1] = st.st_uid;
+    file->access[2] = st.st_gid;
+    file->size = st.st_size;
+    file->times[0] = nanoseconds(st.st_mtim);
+    file->times[1] = nanoseconds(st.st_ctim);
+    file->times_known = true;
+}
+
+bool is_unchanged(const bookmark_file *file) {
+    struct stat st;
+    return file->times_known && fstat(file->fd, &st) == 0 && st.st_size == file->size &&
+           nanoseconds(st.st_mtim) == file->times[0] && nanoseconds(st.st_ctim) == file->times[1];
+}
+
+// After a failure half-way: what stands in the file must be found out anew.
+void distrust(bookmark_file *file) {
+    file->inode = 0;
 }
 
 // Reads until `size` bytes are there or the file ends.
@@ -60,11 +94,6 @@ int write_at(int fd, const char *bytes, size_t size, off_t offset) {
     return 0;
 }
 
-// After an own change: what stands there now is known, unless another hand moved the end meanwhile.
-void note_own_change(bookmark_file *file, off_t expected_size) {
-    if (fstat(file->fd, &file->seen) != 0 || file->seen.st_size != expected_size) file->seen = {};
-}
-
 bool is_path(const bookmark_record &record, const char *path, size_t path_length) {
     return record.path_length == path_length && std::memcmp(record.path, path, path_length) == 0;
 }
@@ -87,10 +116,14 @@ int for_each_record(int fd, Visit visit) {
     }
 }
 
+// Reads all records again; their slots are then those of the file as it stands now.
 int build_index(bookmark_file *file) {
+    struct stat st;
+    if (fstat(file->fd, &st) != 0) return -1;
+    note_status(file, st);
     path_index_clear(&file->index);
-    file->indexed = path_index_reserve(
-        &file->index, static_cast<uint32_t>(file->seen.st_size / kBookmarkRecord + 1));
+    file->indexed =
+        path_index_reserve(&file->index, static_cast<uint32_t>(st.st_size / kBookmarkRecord + 1));
     if (!file->indexed) return 0;
     return for_each_record(file->fd, [file](int32_t slot, const char *bytes, size_t length) {
         const bookmark_record record = bookmark_parse(bytes, length);
@@ -123,10 +156,9 @@ int find_by_scan(const bookmark_file *file, const char *path, size_t path_length
     return found < 0 ? 0 : read_slot(file, found, hit);
 }
 
-// Several records of one path can only have been made by hand; the first one counts. *stale is set
-// when a slot holds something else than the index says.
+// Several records of one path can only have been made by hand; the first one counts.
 int find_by_index(const bookmark_file *file, const char *path, size_t path_length,
-                  bookmark_hit *hit, bool *stale) {
+                  bookmark_hit *hit) {
     const uint64_t hash = path_hash(path, path_length);
     uint32_t cursor = 0;
     int32_t first = -1;
@@ -134,15 +166,36 @@ int find_by_index(const bookmark_file *file, const char *path, size_t path_lengt
         if (first >= 0 && slot > first) continue;
         const int filled = read_slot(file, slot, hit);
         if (filled < 0) return -1;
-        if (filled && is_path(hit->record, path, path_length)) {
-            first = slot;
-        } else if (!filled ||
-                   path_hash(hit->record.path, hit->record.path_length) >> 32 != hash >> 32) {
-            *stale = true;
-        }
+        if (filled && is_path(hit->record, path, path_length)) first = slot;
     }
     if (first < 0) return 0;
     return hit->slot == first ? 1 : read_slot(file, first, hit);
+}
+
+// A record that does not fit leaves nothing behind.
+int append(bookmark_file *file, const char bytes[kBookmarkRecord]) {
+    const int32_t slot = static_cast<int32_t>((file->size + kBookmarkRecord - 1) / kBookmarkRecord);
+    if (write_at(file->fd, bytes, kBookmarkRecord, offset_of(slot)) != 0) {
+        const int reason = errno;
+        if (ftruncate(file->fd, file->size) != 0) distrust(file);
+        file->times_known = false;
+        errno = reason;
+        return -1;
+    }
+    struct stat st;
+    if (fstat(file->fd, &st) != 0 || st.st_size != offset_of(slot + 1)) {
+        distrust(file);  // another hand wrote meanwhile
+        return 0;
+    }
+    note_status(file, st);
+    const bookmark_record record = bookmark_parse(bytes, kBookmarkRecord);
+    // A path that is never looked up was appended without a look at the time stamps before.
+    file->times_known = record.path_length > 0;
+    if (file->indexed && record.path_length > 0) {
+        file->indexed =
+            path_index_add(&file->index, path_hash(record.path, record.path_length), slot);
+    }
+    return 0;
 }
 
 int reopen(bookmark_file *file, const char *path) {
@@ -150,8 +203,9 @@ int reopen(bookmark_file *file, const char *path) {
     file->indexed = false;
     file->fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
     if (file->fd < 0) return -1;
-    if (fstat(file->fd, &file->seen) != 0) return -1;
-    if (!S_ISREG(file->seen.st_mode)) {
+    struct stat st;
+    if (fstat(file->fd, &st) != 0) return -1;
+    if (!S_ISREG(st.st_mode)) {
         errno = EINVAL;
         return -1;
     }
@@ -161,11 +215,7 @@ int reopen(bookmark_file *file, const char *path) {
 }  // namespace
 
 int bookmark_file_open(bookmark_file *file, const char *path) {
-    struct stat now;
-    if (file->fd >= 0 && fstatat(AT_FDCWD, path, &now, AT_SYMLINK_NOFOLLOW) == 0 &&
-        same_file(now, file->seen)) {
-        return 0;
-    }
+    if (file->fd >= 0 && is_same_file(file, path)) return 0;
     if (reopen(file, path) == 0) return 0;
     const int reason = errno;
     bookmark_file_close(file);
@@ -181,46 +231,32 @@ void bookmark_file_close(bookmark_file *file) {
 
 int bookmark_file_find(bookmark_file *file, const char *path, size_t path_length,
                        bookmark_hit *hit) {
-    // Kept: a path with a blank never finds its own record, because the path of a record ends at
-    // its first blank; such a file gets a further record on each update.
-    if (!bookmark_path_findable(path, path_length)) return 0;
-    if (file->indexed) {
-        bool stale = false;
-        const int found = find_by_index(file, path, path_length, hit, &stale);
-        if (!stale) return found;
-        // Changed by hand within the clock tick of our own last write.
-        if (build_index(file) != 0) return -1;
-    }
-    return find_by_scan(file, path, path_length, hit);
+    if (!file->indexed) return find_by_scan(file, path, path_length, hit);
+    const int found = find_by_index(file, path, path_length, hit);
+    // Kept: a path with a blank never finds its own record, because no record's path holds one;
+    // such a file gets a further record on each update.
+    if (found != 0 || !bookmark_path_findable(path, path_length)) return found;
+    if (is_unchanged(file)) return 0;
+    if (build_index(file) != 0) return -1;
+    return file->indexed ? find_by_index(file, path, path_length, hit)
+                         : find_by_scan(file, path, path_length, hit);
 }
 
 int bookmark_file_write(bookmark_file *file, int32_t slot, const char bytes[kBookmarkRecord]) {
-    const off_t size = file->seen.st_size;
-    const bool append = slot < 0;
-    if (append) slot = static_cast<int32_t>((size + kBookmarkRecord - 1) / kBookmarkRecord);
-    const off_t offset = offset_of(slot);
+    if (slot < 0) return append(file, bytes);
+    const int64_t offset = offset_of(slot);
+    file->times_known = false;
     if (write_at(file->fd, bytes, kBookmarkRecord, offset) != 0) {
-        int reason = errno;
-        if (append && ftruncate(file->fd, size) != 0) reason = EIO;
-        note_own_change(file, size);
-        errno = reason;
+        distrust(file);
         return -1;
     }
-    note_own_change(file, std::max<off_t>(size, offset + kBookmarkRecord));
-    if (append && file->indexed) {
-        const bookmark_record record = bookmark_parse(bytes, kBookmarkRecord);
-        if (record.path_length > 0) {
-            file->indexed =
-                path_index_add(&file->index, path_hash(record.path, record.path_length), slot);
-        }
-    }
+    file->size = std::max<int64_t>(file->size, offset + kBookmarkRecord);
     return 0;
 }
 
 int bookmark_file_remove(bookmark_file *file, const bookmark_hit *hit) {
-    const off_t gap = offset_of(hit->slot);
-    const off_t size = std::max(file->seen.st_size, gap);
-    const off_t rest = std::max<off_t>(size - gap - kBookmarkRecord, 0);
+    const int64_t gap = offset_of(hit->slot);
+    const int64_t rest = std::max<int64_t>(file->size - gap - kBookmarkRecord, 0);
     if (rest > 0) {
         const size_t bytes = static_cast<size_t>(rest);
         byte_buffer tail(static_cast<char *>(std::malloc(bytes)));
@@ -231,16 +267,17 @@ int bookmark_file_remove(bookmark_file *file, const bookmark_hit *hit) {
             return -1;
         }
         if (write_at(file->fd, tail.get(), bytes, gap) != 0) {
-            file->seen = {};  // the index no longer tells what stands where
+            distrust(file);
             return -1;
         }
     }
+    file->times_known = false;
     // Cutting at the gap, not 199 bytes before the end, spares the record before a short last one.
     if (ftruncate(file->fd, gap + rest) != 0) {
-        file->seen = {};
+        distrust(file);
         return -1;
     }
-    note_own_change(file, gap + rest);
+    file->size = gap + rest;
     path_index_remove(&file->index, path_hash(hit->record.path, hit->record.path_length),
                       hit->slot);
     path_index_close_gap(&file->index, hit->slot);

@@ -1,14 +1,15 @@
 // The open bookmark file with its index: finds, writes and removes single records. It knows records
 // and slots (record number, from 0) but nothing of tailed files; filetail/bookmark.h does.
 //
-// The file stays open between operations. What was seen of it after the last own change is compared
-// with what stands at the path, so that a foreign change, however made, leads to a new look.
+// The file stays open between operations, and a foreign change is still noticed: the path must lead
+// to the same file of the same size, the record in a slot must be the one that is looked for, and
+// only a time stamp that is still that of the last own change makes "there is no such record" true
+// without reading the file again. Time stamps are asked for no more often than that, since each
+// question makes the next write of the same file dearer.
 //
 // No lock of its own: the caller holds `bm_file_lock` for every call.
 
 #pragma once
-
-#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -17,10 +18,15 @@
 #include "filetail/path_index.h"
 
 struct bookmark_file {
-    int fd = -1;            ///< open for reading and writing, or -1
-    struct stat seen = {};  ///< the file after the last own operation
-    bool indexed = false;   ///< the index holds every record; without memory it may not
-    path_index index = {};  ///< path -> slot
+    int fd = -1;          ///< open for reading and writing, or -1
+    uint64_t device = 0;  ///< identity of the open file
+    uint64_t inode = 0;
+    uint32_t access[3] = {};   ///< mode, owner and group: what may have been changed to keep us out
+    int64_t size = 0;          ///< bytes after the last own operation
+    int64_t times[2] = {};     ///< st_mtim and st_ctim in ns after the last own change
+    bool times_known = false;  ///< false after a change that was not followed by a look at them
+    bool indexed = false;      ///< the index holds every record; without memory it may not
+    path_index index = {};     ///< path -> slot
 };
 
 /// A record as it was found; `record.path` points into `bytes`.

@@ -1,6 +1,7 @@
 #include "filetail/bookmark_format.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace {
@@ -16,8 +17,32 @@ bool is_padding(char c) {
     return is_blank(c) || c == '\0';
 }
 
+// Records are written and read once for every event: numbers go two digits at a time, and padding
+// is compared with blanks as a whole.
+constexpr std::array<char, 200> kPairs = [] {
+    std::array<char, 200> pairs = {};
+    for (size_t i = 0; i < 100; ++i) {
+        pairs[2 * i] = static_cast<char>('0' + i / 10);
+        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return pairs;
+}();
+
+constexpr std::array<char, kBookmarkPathLimit> kBlanks = [] {
+    std::array<char, kBookmarkPathLimit> blanks = {};
+    blanks.fill(' ');
+    return blanks;
+}();
+
 void put_number(char *out, uint64_t value) {
-    for (size_t i = kDigits; i-- > 0; value /= 10) out[i] = static_cast<char>('0' + value % 10);
+    std::memset(out, '0', kDigits);
+    size_t at = kDigits;
+    for (; value >= 100; value /= 100) {
+        at -= 2;
+        std::memcpy(out + at, &kPairs[value % 100 * 2], 2);
+    }
+    if (value >= 10) out[at - 2] = kPairs[value * 2];
+    out[at - 1] = kPairs[value * 2 + 1];
 }
 
 // A number fills its column; only blanks may stand in front of its digits.
@@ -26,19 +51,24 @@ bool take_number(const char *in, uint64_t *value) {
     while (i < kDigits && is_blank(in[i])) ++i;
     if (i == kDigits || in[kDigits] != '|') return false;
     uint64_t sum = 0;
+    unsigned wrong = 0;
     for (; i < kDigits; ++i) {
-        if (in[i] < '0' || in[i] > '9') return false;
-        sum = sum * 10 + static_cast<uint64_t>(in[i] - '0');
+        const unsigned digit = static_cast<unsigned char>(in[i]) - unsigned{'0'};
+        wrong |= digit > 9;
+        sum = sum * 10 + digit;
     }
     *value = sum;
-    return true;
+    return wrong == 0;
 }
 
 // The path ends at the first blank, and nothing but blanks may follow it: what follows would be the
 // rest of a path that holds a blank, and that path is another one.
 size_t path_length_of(const char *field, size_t size) {
     const char *end = std::find_if(field, field + size, is_padding);
-    if (!std::all_of(end, field + size, is_padding)) return 0;
+    const size_t rest = static_cast<size_t>(field + size - end);
+    if (std::memcmp(end, kBlanks.data(), rest) != 0 && !std::all_of(end, end + rest, is_padding)) {
+        return 0;
+    }
     return static_cast<size_t>(end - field);
 }
 

@@ -36,5 +36,5 @@ bool bookmark_format(char out[kBookmarkRecord], uint64_t location, uint32_t head
 /// path with a blank inside, or a number that is none, leaves `path_length` 0.
 bookmark_record bookmark_parse(const char *bytes, size_t length);
 
-/// True when `path` is one that a record can be found by: 1 to 150 bytes, none of them blank.
+/// True when a record can be found by `path`: 1 to 150 bytes, none of them blank.
 bool bookmark_path_findable(const char *path, size_t path_length);

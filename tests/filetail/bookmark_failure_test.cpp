@@ -287,6 +287,32 @@ TEST_F(BookmarkFailureTest, RecordsExchangedInPlaceAreNoticed) {
     EXPECT_EQ(files[2]->l, 99u);
 }
 
+// Neither the size nor a slot that is looked at tells that this record has come: only the time
+// does.
+TEST_F(BookmarkFailureTest, RecordThatAppearedInPlaceIsFound) {
+    three();
+    write_file(logs + "d", lines(100, "d"));
+    write_file(logs + "e f", lines(100, "e"));
+    fdesc *d = track(logs + "d");
+    fdesc *blank = track_at(logs + "e f", 1);
+    for (const bool with_own_writes : {false, true}) {
+        EXPECT_EQ(get_bookmark(d), 0);
+        const int fd = open(bookmarks.c_str(), O_WRONLY);
+        const std::string other = record(50, head_of(lines(100, "d")), 3, logs + "d");
+        ASSERT_EQ(pwrite(fd, other.data(), 199, 199), 199);
+        if (with_own_writes) {
+            EXPECT_EQ(update(files[0]), 0);
+            EXPECT_EQ(update(blank), 0);
+        }
+        EXPECT_EQ(get_bookmark(d), 1) << with_own_writes;
+        EXPECT_EQ(d->l, 50u);
+        EXPECT_EQ(get_bookmark(files[1]), 0);
+        const std::string back = record(20, 0, 3, logs + "b");
+        ASSERT_EQ(pwrite(fd, back.data(), 199, 199), 199);
+        close(fd);
+    }
+}
+
 TEST_F(BookmarkFailureTest, RecordRenamedInPlaceIsNotOverwritten) {
     three();
     const int fd = open(bookmarks.c_str(), O_WRONLY);

@@ -122,6 +122,24 @@ TEST(BookmarkFormat, EveryPrefixAndEveryByteIsReadWithinBounds) {
     }
 }
 
+TEST(BookmarkFormat, EveryNumberIsWrittenAsTheCLibraryWritesIt) {
+    uint64_t value = 1;
+    for (int i = 0; i < 400; ++i) {
+        char expected[64];
+        snprintf(expected, sizeof(expected), "%015llu|%015u|%015u|",
+                 static_cast<unsigned long long>(value), static_cast<uint32_t>(value),
+                 static_cast<uint32_t>(value >> 3));
+        const std::string bytes =
+            formatted(value, static_cast<uint32_t>(value), static_cast<uint32_t>(value >> 3), "/a");
+        ASSERT_EQ(bytes.substr(0, 48), expected);
+        ASSERT_EQ(parsed(bytes).location, value);
+        ASSERT_EQ(parsed(bytes).head, static_cast<uint32_t>(value));
+        ASSERT_EQ(parsed(bytes).tail, static_cast<uint32_t>(value >> 3));
+        value = i % 20 < 16 ? value * 10 % 999'999'999'999'999 : value * 7 + 9;
+        value %= 1'000'000'000'000'000;
+    }
+}
+
 TEST(BookmarkFormat, FindablePaths) {
     const auto findable = [](const std::string &path) {
         return bookmark_path_findable(path.data(), path.size());
