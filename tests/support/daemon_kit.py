@@ -37,6 +37,7 @@ if [ ! -d "$lock" ]; then mount -t tmpfs none "${lock%/*}"; mkdir -p "$lock"; fi
 mount --bind "$private/lock" "$lock"
 [ ! -d "$private/log" ] || mount --bind "$private/log" /var/log
 [ ! -d "$private/opt" ] || mount --bind "$private/opt" /opt
+if [ -d "$private/etc" ]; then mount --bind "$private/etc" /etc; fi
 exec "$@"
 """
 
