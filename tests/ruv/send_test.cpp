@@ -19,6 +19,8 @@ struct Send : testing::Test {
         pauses.clear();
         ruv::os.sleep_ms = [](int milliseconds) { pauses.push_back(milliseconds); };
     }
+    ~Send() override { ruv::os = real; }
+    const ruv::os_calls real = ruv::os;
 };
 
 struct free_conn {
@@ -249,11 +251,14 @@ TEST_F(Send, GivesUpAfterSevenWrites) {
 }
 
 TEST_F(Send, FailedReopenEndsTheCall) {
-    auto receiver = std::make_unique<fake::receiver>(fake::serve());
-    const auto conn = connect_to(*receiver);
+    fake::receiver receiver(fake::serve());
+    const auto conn = connect_to(receiver);
     const auto record = syslog(conn.get(), "abc");
     break_writing(conn.get());
-    receiver.reset();
+    ruv::os.connect = [](int, const sockaddr *, socklen_t) {
+        errno = ECONNREFUSED;
+        return -1;
+    };
     EXPECT_EQ(-1, RUVSendData(conn.get(), record.get(), nullptr));
     EXPECT_EQ(3, ruverrno);
     EXPECT_EQ(ECONNREFUSED, ruverrno2);
