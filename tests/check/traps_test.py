@@ -1,4 +1,4 @@
-"""Every trap has a seeded configuration that reports exactly it, and the examples report nothing."""
+"""Every trap has a seeded configuration that reports just it; the examples report nothing."""
 
 import json
 import os
@@ -231,7 +231,8 @@ class HostTraps(Traps):
     def test_rotation_rule_sends_hup(self):
         self.log("app.log")
         (self.rules / "collector").write_text(
-            "/var/log/velmor/*.log {\n postrotate\n pkill -HUP velmor_siem_collector\n endscript\n}\n")
+            "/var/log/velmor/*.log {\n postrotate\n pkill -HUP velmor_siem_collector\n"
+            " endscript\n}\n")
         self.assertEqual(self.host_ids(), ["T89"])
 
     def test_copytruncate(self):
