@@ -27,9 +27,12 @@ int milliseconds_until(Clock::time_point end) {
 }  // namespace
 
 Channel::Channel(int socket, Serve serve, Control control)
-    : m_socket(socket), m_serve(std::move(serve)), m_control(std::move(control)) {}
+    : m_socket(socket), m_serve(std::move(serve)), m_control(std::move(control)) {
+}
 
-Channel::~Channel() { close(m_socket); }
+Channel::~Channel() {
+    close(m_socket);
+}
 
 std::string Channel::peer() {
     std::lock_guard guard(m_guard);
@@ -41,9 +44,13 @@ void Channel::set_peer(const std::string &id) {
     m_peer = id;
 }
 
-bool Channel::hello(const std::string &own_id) { return write_frame(m_socket, kHello, own_id); }
+bool Channel::hello(const std::string &own_id) {
+    return write_frame(m_socket, kHello, own_id);
+}
 
-void Channel::shut() { shutdown(m_socket, SHUT_RDWR); }
+void Channel::shut() {
+    shutdown(m_socket, SHUT_RDWR);
+}
 
 int Channel::call(const Message &call, bool wait, unsigned timeout_seconds, Message *answer) {
     std::lock_guard use(m_use);

@@ -43,6 +43,8 @@ int OutgoingCall::invoke(bool wait, unsigned timeout_seconds) {
     return result;
 }
 
-int IncomingCall::invoke(bool, unsigned) { return ecLogicError; }
+int IncomingCall::invoke(bool, unsigned) {
+    return ecLogicError;
+}
 
 }  // namespace loopback

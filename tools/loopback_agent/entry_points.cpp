@@ -60,9 +60,13 @@ ENTRY_POINT int deinitializeLPCLib() {
     return 0;
 }
 
-ENTRY_POINT IVlrLpcFactory *getVlrLpcFactory() { return runtime.get(); }
+ENTRY_POINT IVlrLpcFactory *getVlrLpcFactory() {
+    return runtime.get();
+}
 
-ENTRY_POINT unsigned createAsyncResultId() { return ++last_async_id; }
+ENTRY_POINT unsigned createAsyncResultId() {
+    return ++last_async_id;
+}
 
 ENTRY_POINT int enableLPCLib() {
     if (!runtime || has_fault("enable") || !runtime->listen()) return 1;
@@ -77,4 +81,6 @@ ENTRY_POINT int disableLPCLib() {
 }
 #endif
 
-ENTRY_POINT IVlrLpcLogger *getVlrLpcLogger() { return &logger; }
+ENTRY_POINT IVlrLpcLogger *getVlrLpcLogger() {
+    return &logger;
+}

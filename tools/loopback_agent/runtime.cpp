@@ -24,7 +24,9 @@ bool socket_address(const std::string &name, sockaddr_un *address) {
     return true;
 }
 
-int local_socket() { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); }
+int local_socket() {
+    return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
 
 }  // namespace
 
@@ -45,7 +47,8 @@ Runtime::Runtime(std::string folder, std::string processId, VlrLpcCallbacks *cal
     : m_folder(std::move(folder)),
       m_processId(std::move(processId)),
       m_callbacks(callbacks),
-      m_crossObjects(crossObjects) {}
+      m_crossObjects(crossObjects) {
+}
 
 Runtime::~Runtime() {
     disable();
