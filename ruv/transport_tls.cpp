@@ -20,12 +20,11 @@
 namespace ruv {
 namespace {
 
-constexpr int kHandshakeWaits = 1000;        // timed-out waits before a handshake is given up
-constexpr int kHandshakeWaitMs = 1;          // length of each
-constexpr int kWaitsPerQuestion = 200;       // to the interrupt callback
-constexpr int64_t kOwnHandshakeMs = 10'000;  // whole handshake of a handle with its own context
-constexpr size_t kLargestPiece = 1 << 30;    // the TLS library counts in int
-constexpr int kDrainedPieces = 64;           // read and dropped before a close
+constexpr int kHandshakeWaits = 1000;      // timed-out waits before a handshake is given up
+constexpr int kHandshakeWaitMs = 1;        // length of each
+constexpr int kWaitsPerQuestion = 200;     // to the interrupt callback
+constexpr size_t kLargestPiece = 1 << 30;  // the TLS library counts in int
+constexpr int kDrainedPieces = 64;         // read and dropped before a close
 
 SSL_CTX *g_context = nullptr;    // process-wide, read-only after library start
 BIO_METHOD *g_socket = nullptr;  // the socket BIO below
@@ -136,7 +135,7 @@ int wait_counted(RUVConn *conn, bool *armed, int *waits) {
 int handshake(RUVConn *conn) {
     bool armed = true;
     int waits = 0;
-    const int64_t own_end = now_ms() + kOwnHandshakeMs;
+    const int64_t own_end = now_ms() + os.own_handshake_ms;
     for (;;) {
         ERR_clear_error();
         const int ret = SSL_connect(conn->ssl_conn);

@@ -36,7 +36,7 @@ bool stop_in_row(RUVConn *conn) {
 
 }  // namespace
 
-os_calls os = {getaddrinfo, connect, real_sleep, now_ms, 10'000};
+os_calls os = {getaddrinfo, connect, real_sleep, now_ms, 10'000, 10'000};
 
 int64_t now_ms() {
     timespec now = {};

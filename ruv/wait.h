@@ -19,7 +19,8 @@ struct os_calls {
     int (*connect)(int, const sockaddr *, socklen_t);
     void (*sleep_ms)(int milliseconds);
     int64_t (*now_ms)();
-    int64_t probe_budget_ms;  ///< for the answers of both probe attempts together
+    int64_t probe_budget_ms;   ///< for the answers of both probe attempts together
+    int64_t own_handshake_ms;  ///< whole handshake of a handle with its own TLS context
 };
 extern os_calls os;
 

@@ -38,6 +38,9 @@ struct os_guard {
     ~os_guard() { ruv::os = saved; }
 };
 
+// A busy host may be slow to answer: what has no limit of its own in a test has a generous one.
+inline const int64_t patience_ms = ruv::os.probe_budget_ms = ruv::os.own_handshake_ms = 60'000;
+
 inline void clear_error() {
     ruverrno = ruverrno2 = ruverrno3 = ruverrno4 = 0;
 }
