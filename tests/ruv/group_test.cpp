@@ -128,30 +128,31 @@ TEST(Group, EveryFailureClosesTheConnection) {
         const char *what;
         std::function<void(fake::peer &)> rest;
         int error;
+        int timeout;
     };
     const row rows[] = {
-        {"silent", [](fake::peer &p) { p.drain(); }, 4},
+        {"silent", [](fake::peer &p) { p.drain(); }, 4, 1},
         {"refused",
          [](fake::peer &p) {
              p.read(27 + 16);
              p.send(fake::kNotOkay);
              p.drain();
          },
-         13},
+         13, 60},
         {"half an answer",
          [](fake::peer &p) {
              p.read(27 + 16);
              p.send("OKAY");
              p.drain();
          },
-         4},
-        {"closed after the records", [](fake::peer &p) { p.read(27); }, 3},
+         4, 1},
+        {"closed after the records", [](fake::peer &p) { p.read(27); }, 3, 60},
         {"reset",
          [](fake::peer &p) {
              p.read(10);
              p.reset();
          },
-         3},
+         3, 60},
     };
     for (const row &r : rows) {
         fake::receiver receiver(after_open(r.rest));
@@ -159,7 +160,7 @@ TEST(Group, EveryFailureClosesTheConnection) {
         ASSERT_EQ(RUVGroupBegin(s.conn.get()), 0);
         ASSERT_EQ(s.send("one"), 27);
         clear_error();
-        EXPECT_EQ(RUVGroupCommit(s.conn.get(), 1), -1) << r.what;
+        EXPECT_EQ(RUVGroupCommit(s.conn.get(), r.timeout), -1) << r.what;
         EXPECT_EQ(ruverrno, r.error) << r.what;
         EXPECT_EQ(s.conn->skt, -1) << r.what;
         EXPECT_EQ(s.conn->group.used, 0u);
