@@ -244,6 +244,7 @@ class Delivery(DaemonTest):
         daemon = self.start()
         daemon.wait_log(f"Attempting connection to Server: 127.0.0.1 -- Port: {receiver.port} -- "
                         "Encrypt: 0")
+        daemon.wait_log("No events to read")  # a stop while it connects is an error line
         daemon.stop()
         self.assertNotIn("(ERROR)", daemon.log())
 
