@@ -54,6 +54,26 @@ inline wchar_t *wide(const std::string &text) {
     return strtowstr(text.c_str(), static_cast<int>(text.size()));
 }
 
+// A port of our own on which nobody listens: connecting to it is refused.
+class quiet_port {
+  public:
+    quiet_port() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), size), 0);
+        EXPECT_EQ(getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &size), 0);
+        port_ = ntohs(address.sin_port);
+    }
+    ~quiet_port() { close(fd_); }
+    quiet_port(const quiet_port &) = delete;
+    int port() const { return port_; }
+
+  private:
+    int fd_, port_ = 0;
+};
+
 class ReaderTest : public bookmark_kit::StoreTest {
   protected:
     void SetUp() override {
