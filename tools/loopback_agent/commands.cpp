@@ -6,6 +6,7 @@
 #include <functional>
 #include <iostream>
 #include <sstream>
+#include <thread>
 
 #include "lpc/errors.h"
 #include "lpc/interfaces/IPolicyEnforcement.h"
@@ -95,6 +96,7 @@ int push(const Options &options) {
                 object.boolean("result", result);
                 object.real("milliseconds", taken.count(), 4);
             });
+            std::this_thread::sleep_for(std::chrono::milliseconds(options.pause_milliseconds));
         }
         return 0;
     });

@@ -13,7 +13,7 @@ struct Options {
     std::string process = "LOGRELAY1000:";
     int64_t wait_seconds = 30;
     std::vector<std::string> policies, faults;
-    int64_t count = 1;
+    int64_t count = 1, pause_milliseconds = 0;
     bool user = false;
     std::string software = "LOGRELAY1000";
     std::string get, set, value;

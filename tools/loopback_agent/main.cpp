@@ -34,6 +34,7 @@ std::vector<tools::option_row> option_rows(Options *options) {
              return true;
          }},
         number_row("count", "N", 1, 1000000, &options->count, "number of pushes (1)"),
+        number_row("pause", "MS", 0, 60000, &options->pause_milliseconds, "pause after a push (0)"),
         flag_row("user", &options->user, "push as a user policy"),
         flag_row("null-accessor", &options->null_accessor, "push without a way to read the policy"),
         text_row("software", "ID", &options->software, "software identifier (LOGRELAY1000)"),
