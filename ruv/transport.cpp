@@ -38,7 +38,8 @@ int try_repeatedly(const RUVConn *conn, Attempt attempt) {
         if (ruv::os.now_ms() - start > kTriesLimitMs) break;
         const outcome result = attempt();
         if (result != outcome::again) return result == outcome::done ? 0 : -1;
-        if (i + 1 < kTries && ruv::pause_seconds(conn, kPauseSeconds) != 0) return fail_system(errno);
+        if (i + 1 < kTries && ruv::pause_seconds(conn, kPauseSeconds) != 0)
+            return fail_system(errno);
     }
     return fail(4);
 }

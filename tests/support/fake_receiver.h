@@ -139,8 +139,7 @@ class receiver {
     }
     // Waits until `count` connections were accepted, at most 30 s; returns how many there are.
     int wait_connections(int count) const {
-        for (int i = 0; i < 3000 && connections_ < count; ++i)
-            usleep(10'000);
+        for (int i = 0; i < 3000 && connections_ < count; ++i) usleep(10'000);
         return connections_;
     }
     // Waits until `count` bytes have arrived, at most 30 s; returns what there is.

@@ -17,18 +17,14 @@ int main(int argc, char **argv) {
     RUVConn *conn;
     void *record;
 
-    if (argc != 2)
-        return 2;
+    if (argc != 2) return 2;
     conn = RUVAllocConn("127.0.0.1", atoi(argv[1]), 1, 0, 2);
-    if (conn == NULL || RUVOpen(conn) != 0)
-        return complain(conn, "open");
+    if (conn == NULL || RUVOpen(conn) != 0) return complain(conn, "open");
     record = RUVAllocData(conn, 3, 0, 0);
-    if (record == NULL)
-        return complain(conn, "record");
+    if (record == NULL) return complain(conn, "record");
     RUVSyslogSet_message(record, message, 0);
     RUVSyslogSet_collect_time(record, 1700000000);
-    if (RUVSendData(conn, record, NULL) != 24 + (int)strlen(message))
-        return complain(conn, "send");
+    if (RUVSendData(conn, record, NULL) != 24 + (int)strlen(message)) return complain(conn, "send");
     RUVFreeData(record);
     RUVFreeConn(conn);
     return 0;
