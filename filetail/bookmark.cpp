@@ -132,6 +132,8 @@ void log_comparison(const fdesc *bm) {
 
 void start_over(fdesc *bm) {
     bm->l = 0;
+    // Kept: a file that became shorter is reported with the same words as one that begins
+    // otherwise.
     logger(kLogInfo, "Started reading file over cause the start of the file didn't match: %s",
            bm->n);
 }
@@ -144,8 +146,9 @@ bool is_same_file(const fdesc *bm) {
            is_grown_small_file(tail_path(bm), bm->h, bm->l);
 }
 
-// Decides between going on and starting over, from the location and checksums in `bm`. The tail
-// checksum takes no part: it only stands in the record.
+// Decides between going on and starting over, from the location and checksums in `bm`.
+// Kept: the tail checksum takes no part, although it is computed, stored and logged; the layout of
+// the record, which others read, depends on it.
 void resume_or_restart(fdesc *bm) {
     if (log_enabled(kLogDebug)) log_comparison(bm);
     if (is_same_file(bm)) {
@@ -158,7 +161,16 @@ void resume_or_restart(fdesc *bm) {
     if (log_enabled(kLogDebug)) logger(kLogDebug, "\tFile location set to: %" PRIu64, bm->l);
 }
 
+// Without a record the position in memory stands, unless the file can no longer be the one that it
+// was reached in: it is shorter than that, or another file with another beginning. Staying silent
+// until it has grown past the position would lose what comes before.
+bool is_stale_position(const fdesc *bm, uint64_t inode_before) {
+    if (!bm->known || bm->l == 0) return false;
+    return bm->sight.size < bm->l || (bm->sight.inode != inode_before && bm->sight.head != bm->h);
+}
+
 finding look_up(fdesc *bm) {
+    const uint64_t inode_before = bm->sight.inode;
     switch (look_at(bm)) {
         case sight_result::kMissing:
             return finding::kNoFile;
@@ -178,9 +190,7 @@ finding look_up(fdesc *bm) {
     const int reason = errno;
     if (found > 0 || bm->unsaved || (found < 0 && bm->known)) {
         resume_or_restart(bm);
-    } else if (bm->known && bm->sight.size < bm->l) {
-        // Without a record the position in memory stands; a file that has become shorter than that
-        // would otherwise be silent until it has grown past it.
+    } else if (is_stale_position(bm, inode_before)) {
         start_over(bm);
     }
     errno = reason;
@@ -204,10 +214,11 @@ void bookmark_set_directory(const wchar_t *directory) {
     char path[sizeof(bm_filename)];
     const int length = snprintf(path, sizeof(path), "%s/%s", narrow ? narrow : "", "ft_bookmark");
     free(narrow);
+    const bool was_cut = length >= static_cast<int>(sizeof(path));
     const spinlock_guard guard(bm_file_lock);
-    if (strcmp(path, bm_filename) == 0) return;
+    if (strcmp(path, bm_filename) == 0 && was_cut == g_path_was_cut) return;
     bookmark_file_close(&g_file);
-    g_path_was_cut = length >= static_cast<int>(sizeof(path));
+    g_path_was_cut = was_cut;
     memcpy(bm_filename, path, sizeof(path));
 }
 

@@ -175,8 +175,9 @@ void scan_entry(ft_bm *group, const scan &what, const dirent *entry) {
         logger(kLogDebug, "Adding file: (%jd)%s because it did match the filter: %s",
                static_cast<intmax_t>(entry->d_off), entry->d_name, what.filter.get());
     }
-    if (is_never_tailed(entry)) return;
-    memcpy(what.path.get() + what.prefix, entry->d_name, strlen(entry->d_name) + 1);
+    const size_t length = strlen(entry->d_name);
+    if (is_never_tailed(entry) || length > NAME_MAX) return;
+    memcpy(what.path.get() + what.prefix, entry->d_name, length + 1);
     add_new_file(group, what.path.get());
 }
 

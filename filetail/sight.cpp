@@ -16,7 +16,9 @@ namespace {
 // A file's time stamps move in steps of the kernel's clock tick: a change right after a look may
 // leave them as they were. A look counts as final only when the last change is this much older.
 constexpr int64_t kSettledNs = 1'000'000'000;
-constexpr uint64_t kTailBytes = 257;  // the range of the tail checksum begins this far from the end
+// Kept: the range of the tail checksum begins 257 bytes before the end, so that it leaves the last
+// byte out; records written before must stay comparable.
+constexpr uint64_t kTailBytes = 257;
 
 class owned_descriptor {
   public:
@@ -84,6 +86,7 @@ uint32_t head_checksum(int fd) {
 
 uint32_t tail_checksum(int fd, uint64_t size, uint64_t position) {
     if (size == 0) return checksum_at(fd, 0);
+    // Kept: a file too short for the range is read where a stream would stand whose seek failed.
     return checksum_at(fd, size < kTailBytes ? position : size - kTailBytes);
 }
 

@@ -135,6 +135,35 @@ TEST_F(VerifyTest, FileWithoutARecordThatWasCutStartsOver) {
     EXPECT_EQ(files[0]->l, 0u);
 }
 
+// Renamed between the scan and the look-up, and made anew before the next scan: the record is gone,
+// and the position belongs to another file.
+TEST_F(VerifyTest, FileMadeAnewAfterItsRecordWasDroppedStartsOver) {
+    const std::string path = logs + "a";
+    write_file(path, lines(100));
+    update(track_at(path, 500));
+    verify();
+    std::filesystem::rename(path, path + ".1");
+    verify();
+    EXPECT_EQ(image(), "");
+    EXPECT_EQ(files[0]->l, 500u);
+    write_file(path, lines(1000, "another log"));
+    verify();
+    EXPECT_EQ(files[0]->l, 0u);
+}
+
+TEST_F(VerifyTest, FileThatCameBackUnderItsNameGoesOn) {
+    const std::string path = logs + "a";
+    write_file(path, lines(100));
+    update(track_at(path, 500));
+    verify();
+    std::filesystem::rename(path, path + ".1");
+    verify();
+    std::filesystem::rename(path + ".1", path);
+    append_file(path, lines(100));
+    verify();
+    EXPECT_EQ(files[0]->l, 500u);
+}
+
 TEST_F(VerifyTest, ChangedFileIsLookedAtAgainAndUnchangedOneLogsTheSame) {
     const std::string path = logs + "a";
     write_file(path, lines(100));
