@@ -40,7 +40,6 @@ enum class phase { starting, running, ending };
 std::mutex lifecycle_lock;
 phase current_phase = phase::starting;
 bool restart_postponed = false;
-bool bridge_started = false;
 
 int read_configuration(key_value_pair_spec **pairs, int *plugin_start) {
     const int result = conf_parse_key_value_pair(g_args.conf_file, pairs, 0);
@@ -66,13 +65,7 @@ uint64_t start_log_mask() {
 // runtime inherit the mask.
 void start_bridge() {
     const stop_signals_blocked quiet;
-    bridge_started = true;
     init_lpc(lpc_log);
-}
-
-void stop_bridge() {
-    if (bridge_started) deinit_lpc();
-    bridge_started = false;
 }
 
 void start_services(key_value_pair_spec *pairs, int plugin_start) {
@@ -176,7 +169,7 @@ int shut_down_collector() {
     bookmark_teardown();
     ruv_teardown(&conf);
     config_teardown(&conf);
-    stop_bridge();
+    deinit_lpc();
     release_lockfile();
     args_teardown();
     report_signals();
