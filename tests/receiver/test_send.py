@@ -92,8 +92,8 @@ class Send(ReceiverTest):
         good = [{"message": "q\" \\ / \n \u20ac \U0001f600"}, {"message": "", "collect_time": 7},
                 {"message": None, "message_hex": "00ff"}, {"message_base64": "AP8="}]
         broken = [b"", b"[]", b'{"message":', b'{"message":"x"} x', b'{"a":{}}',
-                  b'{"message":"\\q"}', b'{"type":"mail"}', b'{"ver":9}', b'{"message_hex":"0"}', b'{"ipv4":"x"}',
-                  b'{"message_base64":"A"}']
+                  b'{"message":"\\q"}', b'{"type":"mail"}', b'{"ver":9}', b'{"message_hex":"0"}',
+                  b'{"ipv4":"x"}', b'{"message_base64":"A"}']
         lines = [json.dumps(one).encode() for one in good] + broken
         status, out, _ = self.send(receiver, "--json", stdin=b"\n".join(lines) + b"\n")
         self.assertEqual(status, 1)
