@@ -262,7 +262,10 @@ int libruv_check_peer(RUVConn *conn) {
     if (got == 0) return fail_system(EPIPE);
     if (got < 0)
         return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? 0 : fail_system(errno);
-    return conn->ssl_conn ? ruv::tls_check_peer(conn) : 0;
+    if (conn->ssl_conn) return ruv::tls_check_peer(conn);
+    // Bytes that nobody asked for may have the end of the stream behind them.
+    pollfd ended = {conn->skt, POLLRDHUP, 0};
+    return poll(&ended, 1, 0) > 0 ? fail_system(EPIPE) : 0;
 }
 
 int libruv_pause(RUVConn *conn, int seconds) {

@@ -264,6 +264,15 @@ TEST(Peer, AClosedIdlePeerIsNoticed) {
     EXPECT_EQ(ruverrno2, EPIPE);
 }
 
+TEST(Peer, AnEndBehindUnreadBytesIsNoticed) {
+    pair_conn p;
+    EXPECT_EQ(send(p.other, "x", 1, 0), 1);
+    p.close_other();
+    clear_error();
+    EXPECT_EQ(RUVCheckPeer(&p.conn), -1);
+    EXPECT_EQ(ruverrno2, EPIPE);
+}
+
 // ---- Resolver and connect, with their calls replaced.
 
 int g_resolves, g_connects, g_sleeps, g_slept_ms;
