@@ -79,12 +79,15 @@ const char *level_name(uint64_t level) {
     }
 }
 
-void format_stamp(char (&stamp)[kStampBytes]) {
+// The stamp of this moment. A thread makes a new text only when the second has changed.
+const char *current_stamp() {
+    thread_local time_t made_at = -1;
+    thread_local char stamp[kStampBytes] = "";
     const time_t now = time(nullptr);
     tm local;
-    if (!localtime_r(&now, &local) || !strftime(stamp, sizeof stamp, "%b %d %H:%M:%S %Y", &local)) {
-        stamp[0] = '\0';
-    }
+    if (now == made_at || !localtime_r(&now, &local)) return stamp;
+    if (strftime(stamp, sizeof stamp, "%b %d %H:%M:%S %Y", &local) > 0) made_at = now;
+    return stamp;
 }
 
 void write_whole(int fd, const char *bytes, size_t size) {
@@ -136,10 +139,8 @@ size_t restore_raw_bytes(char *text, size_t length) {
 // Formats the line in one piece and writes it; out of memory, a long line is cut short.
 void write_line(uint64_t level, const char *format, va_list arguments) {
     char usual[kUsualLineBytes];
-    char stamp[kStampBytes];
-    format_stamp(stamp);
-    const auto head =
-        static_cast<size_t>(snprintf(usual, sizeof usual, "%s:(%s) ", stamp, level_name(level)));
+    const auto head = static_cast<size_t>(
+        snprintf(usual, sizeof usual, "%s:(%s) ", current_stamp(), level_name(level)));
 
     va_list again;
     va_copy(again, arguments);
@@ -315,10 +316,8 @@ void lpc_log(int logLevel, const wchar_t *pmessage) {
 }
 
 char *get_time() {
-    char stamp[kStampBytes];
-    format_stamp(stamp);
     auto *copy = static_cast<char *>(calloc(1, kStampBytes));
-    if (copy) strcpy(copy, stamp);
+    if (copy) strcpy(copy, current_stamp());
     return copy;
 }
 

@@ -5,11 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string_view>
 
 #include "core/execution.h"
@@ -17,31 +15,10 @@
 namespace {
 
 constexpr const char *kLockFile = "/var/lock/velmor_siem_collector.loc";
-constexpr uint32_t kCrcPolynomial = 0xEDB88320;
 constexpr size_t kBlockBytes = 256;
 constexpr int kSleepStepMilliseconds = 1000;
-constexpr size_t kCrcStride = 16;  // bytes taken in one step
-
-// g_crc_table[0] is the table of the common byte-wise algorithm; row n answers for a byte that is
-// followed by n more, so that one step can take kCrcStride bytes.
-std::array<std::array<uint32_t, 256>, kCrcStride> g_crc_table;
-std::once_flag table_init;
 
 int lockfile_fd = -1;
-
-void build_crc_table() {
-    for (uint32_t i = 0; i < 256; ++i) {
-        uint32_t value = i;
-        for (int bit = 0; bit < 8; ++bit) value = (value >> 1) ^ ((value & 1) * kCrcPolynomial);
-        g_crc_table[0][i] = value;
-    }
-    for (size_t row = 1; row < kCrcStride; ++row) {
-        for (size_t i = 0; i < 256; ++i) {
-            const uint32_t before = g_crc_table[row - 1][i];
-            g_crc_table[row][i] = (before >> 8) ^ g_crc_table[0][before & 0xff];
-        }
-    }
-}
 
 bool exists(const char *path) {
     struct stat info;
@@ -55,30 +32,6 @@ bool exists(const char *path) {
 }
 
 }  // namespace
-
-void crc_init() {
-    std::call_once(table_init, build_crc_table);
-}
-
-uint32_t checksum_bytes(const void *bytes, size_t size) {
-    crc_init();
-    auto *at = static_cast<const unsigned char *>(bytes);
-    uint32_t value = 0xFFFFFFFF;
-    for (; size >= kCrcStride; size -= kCrcStride, at += kCrcStride) {
-        uint32_t next = 0;
-        for (size_t i = 0; i < kCrcStride; ++i) {
-            const uint32_t mixed_in = i < 4 ? value >> (8 * i) : 0;
-            next ^= g_crc_table[kCrcStride - 1 - i][(at[i] ^ mixed_in) & 0xff];
-        }
-        value = next;
-    }
-    for (; size > 0; --size, ++at) value = (value >> 8) ^ g_crc_table[0][(value ^ *at) & 0xff];
-    return ~value;
-}
-
-uint32_t computeChecksum(const char *bytes) {
-    return checksum_bytes(bytes, kBlockBytes);
-}
 
 uint32_t calculateCRC(FILE *fd, long seek) {
     char block[kBlockBytes] = {};
