@@ -255,7 +255,9 @@ TEST_F(Reader, AFailedSendIsReadAgain) {
     int handled = 0;
     // Waiting for the closed connection to be noticed is the reader's own business.
     ASSERT_TRUE(wait_until([&] {
-        if (_connected == 0) EXPECT_EQ(ruv_ensure_connected(&p), 0);
+        if (_connected == 0) {
+            EXPECT_EQ(ruv_ensure_connected(&p), 0);
+        }
         handled += read_events(file, 1);
         usleep(2000);
         return file->l == content.size();
