@@ -89,9 +89,13 @@ int open_tailed(const char *path) {
     return fd;
 }
 
-bool is_regular(int fd) {
+/// False for anything but a regular file, and for a file that has taken the name since the position
+/// was verified: it would be read from the middle. The next scan decides where it begins.
+bool is_readable_here(int fd, const file_sight &verified) {
     struct stat status;
-    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+           (verified.inode == 0 ||
+            (verified.inode == status.st_ino && verified.device == status.st_dev));
 }
 
 bool may_go_on() {
@@ -251,7 +255,9 @@ read_outcome read_file(fdesc *file, int throttle) {
         return {0, true};
     }
     reading r{file, p, fd, nullptr, 0, false};
-    if (delim != nullptr && is_regular(fd)) read_open_file(&r, delim, throttle);
+    if (delim != nullptr && is_readable_here(fd, file->sight)) {
+        read_open_file(&r, delim, throttle);
+    }
     close(fd);
     return {r.handled, false};
 }

@@ -2,6 +2,7 @@
 
 #include "filetail/rotation.h"
 
+#include "filetail/reader.h"
 #include "tests/filetail/discovery_kit.h"
 
 namespace {
@@ -161,6 +162,22 @@ TEST_F(RotationTest, SmallFileThatGrewBeforeItWasRenamed) {
     write_file(path, "three\n");
     for (int i = 0; i < 4; ++i) pass();
     EXPECT_EQ(received, "one\ntwo\nthree\n");
+}
+
+// Renamed and made anew between the scan and the reading: the position belongs to the old file.
+TEST_F(RotationTest, FileReplacedAfterTheScanIsNotReadFromTheMiddle) {
+    owner.ft.ft_delim = const_cast<wchar_t *>(L"<newline>");
+    update_file_list(group);
+    const std::string saved = image();
+    rename_to("a.log.1");
+    write_file(path, old_text + fresh);
+    const uint64_t location = file->l;
+    EXPECT_EQ(read_events(file, 1000), 0);
+    EXPECT_EQ(file->l, location);
+    EXPECT_EQ(image(), saved);
+    EXPECT_EQ(_connected, 1) << "nothing was sent, or it would have failed";
+    for (int i = 0; i < 4; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + old_text + fresh);
 }
 
 TEST_F(RotationTest, ManyFilesInOneRotation) {
