@@ -192,6 +192,17 @@ class Decode(ReceiverTest):
         self.assertEqual((second["Lab.Note"], second["Lab.Ratio"], second["Lab.Share"]),
                          ("hi", 0, 0))
 
+    def test_custom_field_with_an_odd_name(self):
+        catalogue = self.folder / "fields"
+        catalogue.write_bytes(b'[x]\nUserField.ID=300\nUserField.Name="\\\xff\n'
+                              b"UserField.UDFldE=8\nUserFieldUse.Offset=0\n"
+                              b"UserFieldUse.FldType=uint8\n")
+        receiver = self.receiver("--catalogue", catalogue)
+        client = self.client(receiver)
+        alert = next(b for b in all_bodies() if str(b) == "alert 6.2")
+        self._send_rows(client, alert, {7: (300, 9 << 56, b"")})
+        self.assertEqual(receiver.wait("record")[0]["custom"], {'"\\\xff': 9})
+
     def _send_rows(self, client, body, rows):
         empty = (0, 0, b"")
         columns = list(zip(*[rows.get(r, empty) for r in range(body.rows)]))

@@ -87,6 +87,14 @@ class Send(ReceiverTest):
                          [b"one", b"", text, b"last without an end"])
         self.assertTrue(all(line["data_time"] > 1_500_000_000 for line in got))
 
+    def test_long_texts_are_cut_and_said_so(self):
+        receiver = self.receiver()
+        status, lines, _ = self.send(receiver, "--lines", stdin=b"x" * 70000 + b"\nshort\n")
+        self.assertEqual((status, lines[-1]["sent"]), (0, 2))
+        self.assertEqual([line["note"] for line in lines if "note" in line],
+                         ["the text of 'message' was cut"])
+        self.assertEqual([l["data_len"] for l in receiver.wait("record", 2)], [65535, 5])
+
     def test_json_input(self):
         receiver = self.receiver()
         good = [{"message": "q\" \\ / \n \u20ac \U0001f600"}, {"message": "", "collect_time": 7},

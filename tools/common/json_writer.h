@@ -35,7 +35,8 @@ class json_object {
     void text(std::string_view name, std::string_view value);
     /** Bytes as hexadecimal digits. */
     void hex(std::string_view name, const uint8_t *bytes, size_t length);
-    /** Writes the name of a member whose value the caller appends to the string. */
+    /** Writes the name of a member whose value the caller appends to the string. Names stand in
+     * the text as they are given. */
     void name(std::string_view name);
 
   private:

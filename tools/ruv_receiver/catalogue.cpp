@@ -143,6 +143,11 @@ catalogue parse_catalogue(std::string text) {
             take_line(result.fields.back(), line);
         }
     }
+    for (custom_field &field : result.fields) {
+        std::string quoted;
+        tools::append_json_text(quoted, field.name);
+        field.name = quoted.substr(1, quoted.size() - 2);
+    }
     result.text = std::move(text);
     return result;
 }

@@ -20,7 +20,7 @@ using tools::json_object;
 
 /** One section of the file. */
 struct custom_field {
-    std::string name; /**< "Name.Use" */
+    std::string name; /**< "Name.Use", escaped as the name of a JSON member */
     int id = 0;
     int type = 0;      /**< 0 none, 1 string, 2 boolean ... 15 double */
     int alert_row = 0; /**< as the file leaves them: 0 when never named, -1 when out of range */

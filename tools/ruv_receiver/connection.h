@@ -24,6 +24,8 @@ inline constexpr size_t kReadSize = 1 << 20;
 inline constexpr uint64_t kLargestUnit = 64u << 20;
 /** With so many bytes of answers unsent a client is not read any further. */
 inline constexpr size_t kMostUnsent = 1 << 20;
+/** The same for answers that wait for their time. */
+inline constexpr size_t kMostDelayed = 1024;
 
 /** An answer that waits for its time. */
 struct delayed_answer {
@@ -64,7 +66,10 @@ struct connection {
     bool send_unsent();
 
     /** True while bytes may be read and dealt with. */
-    bool open_for_reading() const { return !ended && !closing && !stalled && !start_tls && !dead; }
+    bool open_for_reading() const {
+        return !ended && !closing && !stalled && !start_tls && !dead &&
+               unsent.size() < kMostUnsent && delayed.size() < kMostDelayed;
+    }
 
     /** True when every answer is on its way. */
     bool drained() const { return unsent.empty() && delayed.empty(); }

@@ -145,7 +145,7 @@ void server::service(connection &c) {
     if (c.handshaking) advance_handshake(c);
     if (c.dead || c.handshaking) return update_interest(c);
     if (!c.unsent.empty() && !c.send_unsent()) return fail(c, "cannot send");
-    if (c.unsent.size() < kMostUnsent) read_available(c);
+    read_available(c);
     push_out(c);
 }
 
@@ -248,7 +248,7 @@ void server::push_out(connection &c) {
 void server::update_interest(connection &c) {
     if (c.dead) return;
     bool slow = chosen_.faults.slow > 0 && c.faulty && c.allowance <= 0;
-    bool reads = c.open_for_reading() && !slow && c.unsent.size() < kMostUnsent;
+    bool reads = c.open_for_reading() && !slow;
     uint32_t wanted = 0;
     if (reads || c.handshaking) wanted |= EPOLLIN;
     if ((!c.unsent.empty() && !c.handshaking) || (c.handshaking && c.tls_wants_write))

@@ -15,11 +15,11 @@ constexpr uint8_t kTlsHandshakeRecord = 0x16; /**< first byte of every TLS strea
 
 }  // namespace
 
-/** Reads until the socket is empty; a plain stream is left after one read for fairness. */
+/** Reads once for fairness; more only when bytes wait where no readiness announces them. */
 void server::read_available(connection &c) {
     if (c.sniffing && !sniff(c)) return;
     while (c.open_for_reading() && read_once(c)) {
-        if (!c.tls) return;
+        if (!c.tls || !tls_pending(c.tls.get())) return;
     }
 }
 

@@ -142,6 +142,7 @@ struct caller {
     void *record;
     const std::string &name, &value;
     int *result;
+    bool *cut;
 
     template <typename Number>
     bool operator()(int (*call)(void *, Number)) const {
@@ -161,11 +162,13 @@ struct caller {
 
     bool operator()(text_setter call) const {
         *result = call(record, value.data(), static_cast<int>(value.size()));
+        *cut = *result >= 0 && static_cast<size_t>(*result) < value.size();
         return true;
     }
 
     bool operator()(packet_setter call) const {
         *result = call(record, value.data(), static_cast<int>(value.size()));
+        *cut = *result >= 0 && static_cast<size_t>(*result) < value.size();
         return true;
     }
 
@@ -294,8 +297,10 @@ set_result set_field(RUVConn *conn, void *record, int type, const field_value &f
         if (row.type != type || name != row.name) continue;
         *call = std::string(kPrefixes[type]) + row.name;
         int result = 0;
-        if (!std::visit(caller{record, name, value, &result}, row.call))
+        bool cut = false;
+        if (!std::visit(caller{record, name, value, &result, &cut}, row.call))
             return set_result::bad_value;
+        if (cut) return set_result::cut;
         return result < 0 ? set_result::refused : set_result::done;
     }
     return set_result::unknown;

@@ -25,6 +25,7 @@ struct field_value {
 
 enum class set_result {
     done,
+    cut,      /**< done, but the library keeps fewer bytes than were given */
     refused,  /**< the setter returned -1; the library's error words tell why */
     unknown,  /**< the record type has no such field */
     bad_value /**< the text is no value of that field */

@@ -131,6 +131,9 @@ bool session::fill(void *record, const job &wanted, record_memory *memory) {
         switch (set_field(conn_, record, wanted.type, field, memory, &call)) {
             case set_result::done:
                 break;
+            case set_result::cut:
+                note("the text of '" + field.name + "' was cut");
+                break;
             case set_result::refused:
                 if (field.optional) break;
                 report(call.c_str(), -1);
@@ -182,6 +185,15 @@ bool session::confirm_group() {
 
 bool session::finish() {
     return in_group_ == 0 || confirm_group();
+}
+
+void session::note(const std::string &what) {
+    std::string text;
+    {
+        tools::json_object line(text);
+        line.text("note", what);
+    }
+    print(text);
 }
 
 void session::reject(const std::string &why) {

@@ -51,6 +51,7 @@ class session {
     bool report(const char *call, int result, bool always = true);
     bool ask();
     bool confirm_group();
+    void note(const std::string &what);
     void *record_for(const job &wanted);
     RUVDSInfo *source_for(const source_choice &source);
     bool fill(void *record, const job &wanted, record_memory *memory);
