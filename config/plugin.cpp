@@ -135,6 +135,7 @@ plugin *new_plugin(config *conf) {
     if (!p) return nullptr;
     p->conn = &conf->ruv;
     p->ruvconn = conf->ruvconn;
+    p->bm_dir = conf->bm_dir;
     p->sleep = conf->sleep_time;
     p->throttle = conf->throttle;
     return p;
@@ -235,8 +236,6 @@ void plugin_init(plugin *p, const wchar_t *bm_dir, int8_t connected) {
                narrow_text(p->ft.ft_dir).c_str());
         return;
     }
-    // The worker inherits this mask: the stop signals are for the main thread.
-    const stop_signals_blocked quiet;
     ft_init(p, bm_dir, connected);
 }
 

@@ -128,8 +128,14 @@ void install_signal_handlers() {
     struct sigaction action = {};
     action.sa_handler = signal_handler;
     sigemptyset(&action.sa_mask);
-    for (const int signum : kStopSignals) sigaction(signum, &action, nullptr);
+    sigset_t stopping;
+    sigemptyset(&stopping);
+    for (const int signum : kStopSignals) {
+        sigaction(signum, &action, nullptr);
+        sigaddset(&stopping, signum);
+    }
     signal(SIGPIPE, SIG_IGN);
+    sigprocmask(SIG_UNBLOCK, &stopping, nullptr);  // whoever started us may have blocked them
 }
 
 int start_collector(int argc, char **argv) {

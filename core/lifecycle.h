@@ -19,7 +19,7 @@ void signal_handler(int signum);
 /// becomes a standard stream.
 void occupy_standard_streams();
 
-/// Installs signal_handler() and ignores signal 13.
+/// Installs signal_handler(), lets its signals through, and ignores signal 13.
 void install_signal_handlers();
 
 /// The steps from the command line to the running plugins. Returns 0 when the process is to enter

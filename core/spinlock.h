@@ -45,12 +45,12 @@ inline void spinlock_engage_as(lock_word *lock, uint32_t owner) {
     uint32_t seen = lock->load(std::memory_order_acquire);
     if (seen == owner) return;
     for (uint32_t spins = 1;; ++spins) {
-        seen = 0;
-        if (lock->compare_exchange_weak(seen, owner, std::memory_order_acquire,
-                                        std::memory_order_relaxed)) {
+        if (seen == 0 && lock->compare_exchange_strong(seen, owner, std::memory_order_acquire,
+                                                       std::memory_order_relaxed)) {
             return;
         }
         if ((spins & 0xff) == 0) sched_yield();
+        seen = lock->load(std::memory_order_relaxed);
     }
 }
 

@@ -69,6 +69,7 @@ TEST_F(Registry, ASectionBecomesAPlugin) {
               "ft_start_top=1\nft_delim_end_of_event=0\nhostid=host-1\n");
     const plugin &p = only();
     EXPECT_EQ(p.conn, &found.ruv);
+    EXPECT_EQ(p.bm_dir, found.bm_dir);
     EXPECT_EQ(p.flags, uint64_t{1} << 32);
     EXPECT_EQ(p.sleep, 5);
     EXPECT_EQ(p.throttle, 100);

@@ -185,6 +185,12 @@ TEST_F(Lifecycle, EachSignalHasItsLineAndTheLastOneIsTheStatus) {
                                    "(INFO) Shut down intiated\n\nplugin_shutdown_all 1 "));
 }
 
+TEST_F(Lifecycle, SignalsThatWereBlockedBeforeTheStartAreHandled) {
+    write_conf();
+    const stop_signals_blocked inherited;
+    EXPECT_EQ(live().status, 15);
+}
+
 TEST_F(Lifecycle, ABrokenPipeIsNoReasonToStop) {
     write_conf();
     const child_result life = live([] {
