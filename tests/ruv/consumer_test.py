@@ -4,16 +4,13 @@ usage: consumer_test.py BUILD_DIRECTORY CMAKE CC CXX
 """
 import os
 import shutil
-import socket
-import struct
 import subprocess
 import sys
 import tempfile
-import threading
 from pathlib import Path
 
-MAGIC = bytes.fromhex("55aa55aacefaedfe")
-OKAY = b"OKAY\0\0\0\0"
+from small_receiver import Receiver
+
 HERE = Path(__file__).resolve().parent
 
 
@@ -24,47 +21,6 @@ def run(*command, **options):
         sys.exit(f"{' '.join(str(c) for c in command)}\n{result.stdout}\n"
                  f"exit status {result.returncode}")
     return result.stdout
-
-
-class Receiver:
-    """Answers NOP and ReqDataVers and keeps the text of each Syslog record."""
-
-    def __init__(self):
-        self.events = []
-        self.listener = socket.create_server(("127.0.0.1", 0))
-        self.port = self.listener.getsockname()[1]
-        threading.Thread(target=self.serve, daemon=True).start()
-
-    def serve(self):
-        while True:
-            peer, _ = self.listener.accept()
-            with peer, peer.makefile("rb") as stream:
-                while self.answer(peer, stream):
-                    pass
-
-    def answer(self, peer, stream):
-        unit = stream.read(16)
-        if len(unit) != 16 or unit[:8] != MAGIC:
-            return False
-        word = struct.unpack_from("<I", unit, 8)[0]
-        kind, code = word >> 8 & 0xFFF, word >> 20
-        if kind == 3:
-            length = struct.unpack("<IHH", stream.read(8))[2]
-            self.events.append(stream.read(length))
-        elif code == 2:
-            entries = [(6, 0, 0), (6, 0, 2), (6, 3, 0), (6, 3, 1)]
-            peer.sendall(OKAY + struct.pack("<i", len(entries)) +
-                         b"".join(struct.pack("<HHH26x", *e) for e in entries))
-        else:
-            peer.sendall(OKAY)
-        return True
-
-    def wait(self, count):
-        for _ in range(3000):
-            if len(self.events) >= count:
-                break
-            threading.Event().wait(0.01)
-        return self.events
 
 
 def main():
