@@ -157,9 +157,19 @@ int move_plain(RUVConn *conn, int iovcnt, iovec *iov, short events, Transfer tra
     return 0;
 }
 
-int move_tls(RUVConn *conn, int iovcnt, iovec *iov, int (*move)(RUVConn *, iovec *)) {
+// Each segment becomes records of its own.
+int write_tls(RUVConn *conn, int iovcnt, iovec *iov) {
+    size_t left = total_length(iovcnt, iov);
+    for (int i = 0; i < iovcnt; ++i) {
+        left -= iov[i].iov_len;
+        if (ruv::tls_write_segment(conn, &iov[i], left > 0) < 1) return -1;
+    }
+    return 0;
+}
+
+int read_tls(RUVConn *conn, int iovcnt, iovec *iov) {
     for (int i = 0; i < iovcnt; ++i)
-        if (move(conn, &iov[i]) < 1) return -1;
+        if (ruv::tls_read_segment(conn, &iov[i]) < 1) return -1;
     return 0;
 }
 
@@ -227,7 +237,7 @@ int libruv_write(RUVConn *conn, int iovcnt, iovec *iov) {
     const size_t total = total_length(iovcnt, iov);
     if (conn->io_stall_ms) conn->io_deadline_ms = ruv::now_ms() + conn->io_stall_ms;
     const int result = conn->ssl_conn
-                           ? move_tls(conn, iovcnt, iov, ruv::tls_write_segment)
+                           ? write_tls(conn, iovcnt, iov)
                            : move_plain(conn, iovcnt, iov, POLLOUT, [](int fd, msghdr *message) {
                                  return sendmsg(fd, message, MSG_NOSIGNAL | MSG_DONTWAIT);
                              });
@@ -239,7 +249,7 @@ int libruv_read(RUVConn *conn, int iovcnt, iovec *iov) {
     const iovec first = iovcnt > 0 ? iov[0] : iovec{};
     const size_t total = total_length(iovcnt, iov);
     const int result = conn->ssl_conn
-                           ? move_tls(conn, iovcnt, iov, ruv::tls_read_segment)
+                           ? read_tls(conn, iovcnt, iov)
                            : move_plain(conn, iovcnt, iov, POLLIN, [](int fd, msghdr *message) {
                                  return recvmsg(fd, message, MSG_DONTWAIT);
                              });

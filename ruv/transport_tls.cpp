@@ -29,6 +29,9 @@ constexpr int kDrainedPieces = 64;         // read and dropped before a close
 SSL_CTX *g_context = nullptr;    // process-wide, read-only after library start
 BIO_METHOD *g_socket = nullptr;  // the socket BIO below
 
+// Set while further segments of the same unit follow: they leave in one packet with this one.
+thread_local bool t_more_follows = false;
+
 // ---- The socket under the TLS stream. The library's own would raise SIGPIPE on a closed peer and
 // block in the kernel, out of reach of the interrupt callback.
 
@@ -36,9 +39,10 @@ int socket_write(BIO *bio, const char *bytes, int count) {
     int fd = -1;
     BIO_get_fd(bio, &fd);
     BIO_clear_retry_flags(bio);
+    const int flags = MSG_NOSIGNAL | MSG_DONTWAIT | (t_more_follows ? MSG_MORE : 0);
     ssize_t sent;
     do {
-        sent = send(fd, bytes, static_cast<size_t>(count), MSG_NOSIGNAL | MSG_DONTWAIT);
+        sent = send(fd, bytes, static_cast<size_t>(count), flags);
     } while (sent < 0 && errno == EINTR);
     if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) BIO_set_retry_write(bio);
     return static_cast<int>(sent);
@@ -265,8 +269,11 @@ int move_segment(RUVConn *conn, iovec *segment, Call call) {
 
 }  // namespace
 
-int tls_write_segment(RUVConn *conn, iovec *segment) {
-    return move_segment(conn, segment, SSL_write);
+int tls_write_segment(RUVConn *conn, iovec *segment, bool more_follows) {
+    t_more_follows = more_follows;
+    const int result = move_segment(conn, segment, SSL_write);
+    t_more_follows = false;
+    return result;
 }
 
 int tls_read_segment(RUVConn *conn, iovec *segment) {

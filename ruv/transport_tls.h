@@ -21,8 +21,9 @@ bool tls_ready();
 /// meanwhile. On failure conn->ssl_conn is null again. @return 0, or -1 with error 3, 6, 19, 20.
 int tls_connect(RUVConn *conn);
 
-/// Moves one segment completely, advancing it. @return 1, or -1 with error 3, 4 or 6.
-int tls_write_segment(RUVConn *conn, iovec *segment);
+/// Moves one segment completely, advancing it. `more_follows` says that another write comes at
+/// once. @return 1, or -1 with error 3, 4 or 6.
+int tls_write_segment(RUVConn *conn, iovec *segment, bool more_follows);
 int tls_read_segment(RUVConn *conn, iovec *segment);
 
 /// @return true when decrypted bytes are waiting, which no poll on the socket would show.

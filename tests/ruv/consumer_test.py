@@ -43,9 +43,11 @@ def main():
         run(cc, *strict, source, "-o", work / "pc_static", *static)
         run(cxx, "-std=c++11", "-pedantic", "-Wall", "-Wextra", "-Werror",
             HERE / "consumer" / "consumer.cpp", "-o", work / "pc_cxx", *flags)
-        run(cmake, "-S", HERE / "consumer", "-B", work / "cm", f"-DCMAKE_PREFIX_PATH={prefix}",
-            f"-DCMAKE_C_COMPILER={cc}", f"-DCMAKE_CXX_COMPILER={cxx}")
-        run(cmake, "--build", work / "cm")
+        examples = prefix / "share" / "doc" / "libruv-dev" / "examples"
+        for project, directory in ((HERE / "consumer", "cm"), (examples, "examples")):
+            run(cmake, "-S", project, "-B", work / directory, f"-DCMAKE_PREFIX_PATH={prefix}",
+                f"-DCMAKE_C_COMPILER={cc}", f"-DCMAKE_CXX_COMPILER={cxx}")
+            run(cmake, "--build", work / directory)
         for program in (work / "pc_cxx", work / "cm" / "in_cxx"):
             run(program, env=environment)
         receiver = Receiver()
