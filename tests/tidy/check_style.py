@@ -7,6 +7,7 @@
   thirdparty   OpenSSL, PCRE, Boost and dlfcn stay behind their seams
   format       clang-format has nothing to change (skipped without clang-format 14)
   words        no words that mean something only to those who wrote the tree
+  links        what a page links to, or names as a path of the tree, is there
   dead         every source is built and every header is included by something
 
 Every finding is one line `file:line: text`; the exit status is 1 when there is any, 77 when the
@@ -311,6 +312,25 @@ def check_words(tree):
             tree.say(name, 0, "the file's name means nothing to a reader")
 
 
+LINK = re.compile(r"\]\(([^)#\s]+)")
+NAMED = re.compile(r"`((?:docs|examples|scripts|bench|packaging|tests|tools)/[\w./-]+\w)`")
+
+
+def check_links(tree):
+    folders = {str(parent) for name in tree.files for parent in Path(name).parents}
+    for name in tree.named({".md"}):
+        for number, line in enumerate(tree.text(name).splitlines(), 1):
+            for target in LINK.findall(line):
+                if "://" not in target and not target.startswith("mailto:"):
+                    path = os.path.normpath(Path(name).parent / target)
+                    if path not in tree.files and path not in folders:
+                        tree.say(name, number, f"links to {target}, which is not there")
+            for target in NAMED.findall(line):
+                if target not in tree.files and target not in folders:
+                    if not any(f.startswith(target + ".") for f in tree.files):
+                        tree.say(name, number, f"names {target}, which is not there")
+
+
 def check_dead(tree):
     builds = {}
     for name in tree.files:
@@ -332,7 +352,7 @@ def check_dead(tree):
 
 MODES = {"lines": check_lines, "sizes": check_sizes, "levels": check_levels,
          "thirdparty": check_thirdparty, "format": check_format, "words": check_words,
-         "dead": check_dead}
+         "links": check_links, "dead": check_dead}
 
 
 def main():

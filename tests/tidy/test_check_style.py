@@ -54,6 +54,8 @@ FAULTS = (
     ("thirdparty", {f"filetail/{n}.cpp": "#include <pcre.h>\n" for n in "abc"}, "in 3 files"),
     ("words", {"README.md": "as Part " + "1.2 says\n"}, "README.md:1"),
     ("words", {"core/utils.h": "// see the " + "spec\n"}, "core/utils.h:1"),
+    ("links", {"README.md": "see [this](docs/gone.md)\n"}, "links to docs/gone.md"),
+    ("links", {"README.md": "see `docs/gone.md`\n"}, "names docs/gone.md"),
     ("dead", {"core/lost.cpp": "\n"}, "no CMakeLists.txt builds"),
     ("dead", {"core/lost.h": "\n"}, "nothing includes"),
 )
@@ -61,7 +63,7 @@ FAULTS = (
 
 class CheckStyle(unittest.TestCase):
     def test_a_clean_tree_passes(self):
-        for mode in ("lines", "sizes", "levels", "thirdparty", "words", "dead"):
+        for mode in ("lines", "sizes", "levels", "thirdparty", "words", "links", "dead"):
             status, output = run(mode, {})
             self.assertEqual((status, output.count("\n")), (0, 1), output)
 
