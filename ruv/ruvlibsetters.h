@@ -32,27 +32,27 @@ extern "C" {
 
 /** @name Alert records (versions 1 to 6 unless noted)
  * @{ */
-int RUVAlertSet_session_id(void *record, uint64_t session_id); /**< versions 4 to 6 */
-int RUVAlertSet_flow_id(void *record, uint64_t flow_id);       /**< always fails with error 51 */
-int RUVAlertSet_src_mac(void *record, const uint8_t *mac);
-int RUVAlertSet_dst_mac(void *record, const uint8_t *mac);
-int RUVAlertSet_sigid(void *record, uint32_t sigid);
-int RUVAlertSet_norm_sigid(void *record, uint32_t norm_sigid); /**< versions 4 to 6 */
-int RUVAlertSet_event_count(void *record, uint32_t count);
-int RUVAlertSet_src_ipv4(void *record, uint32_t address); /**< host byte order */
-int RUVAlertSet_dst_ipv4(void *record, uint32_t address); /**< host byte order */
-int RUVAlertSet_src_ipv6(void *record, const uint32_t *address);
-int RUVAlertSet_dst_ipv6(void *record, const uint32_t *address);
-int RUVAlertSet_first_time(void *record, uint32_t seconds);
-int RUVAlertSet_last_time(void *record, uint32_t seconds);
-int RUVAlertSet_last_time_usec(void *record, uint32_t microseconds);
-int RUVAlertSet_src_port(void *record, uint16_t port);
-int RUVAlertSet_dst_port(void *record, uint16_t port);
-int RUVAlertSet_vlan(void *record, uint16_t vlan);
-int RUVAlertSet_sequence(void *record, uint16_t sequence); /**< versions 4 to 6 */
-int RUVAlertSet_protocol(void *record, uint8_t protocol);
-int RUVAlertSet_flow(void *record, uint8_t flow); /**< 0 or 1 */
-int RUVAlertSet_action(void *record, uint8_t action);
+int RUVAlertSet_session_id(void *record, uint64_t session_id);   /**< versions 4 to 6 */
+int RUVAlertSet_flow_id(void *record, uint64_t flow_id);         /**< always fails with error 51 */
+int RUVAlertSet_src_mac(void *record, const uint8_t *mac);       /**< 6 bytes */
+int RUVAlertSet_dst_mac(void *record, const uint8_t *mac);       /**< 6 bytes */
+int RUVAlertSet_sigid(void *record, uint32_t sigid);             /**< signature id */
+int RUVAlertSet_norm_sigid(void *record, uint32_t norm_sigid);   /**< versions 4 to 6 */
+int RUVAlertSet_event_count(void *record, uint32_t count);       /**< events behind this record */
+int RUVAlertSet_src_ipv4(void *record, uint32_t address);        /**< host byte order */
+int RUVAlertSet_dst_ipv4(void *record, uint32_t address);        /**< host byte order */
+int RUVAlertSet_src_ipv6(void *record, const uint32_t *address); /**< 16 bytes */
+int RUVAlertSet_dst_ipv6(void *record, const uint32_t *address); /**< 16 bytes */
+int RUVAlertSet_first_time(void *record, uint32_t seconds);      /**< seconds since 1970 */
+int RUVAlertSet_last_time(void *record, uint32_t seconds);       /**< seconds since 1970 */
+int RUVAlertSet_last_time_usec(void *record, uint32_t microseconds); /**< 0 to 999999 */
+int RUVAlertSet_src_port(void *record, uint16_t port);               /**< host byte order */
+int RUVAlertSet_dst_port(void *record, uint16_t port);               /**< host byte order */
+int RUVAlertSet_vlan(void *record, uint16_t vlan);                   /**< VLAN id */
+int RUVAlertSet_sequence(void *record, uint16_t sequence);           /**< versions 4 to 6 */
+int RUVAlertSet_protocol(void *record, uint8_t protocol);            /**< IP protocol number */
+int RUVAlertSet_flow(void *record, uint8_t flow);                    /**< 0 or 1 */
+int RUVAlertSet_action(void *record, uint8_t action);               /**< the sensor's action code */
 int RUVAlertSet_severity(void *record, uint8_t severity);           /**< 0 to 100 */
 int RUVAlertSet_trusted(void *record, uint8_t trusted);             /**< all versions but 4 */
 int RUVAlertSet_sig_generator(void *record, uint8_t sig_generator); /**< all versions but 4 */
@@ -60,13 +60,13 @@ int RUVAlertSet_message(void *record, const char *text, int len);   /**< cut at 
 
 /** The next seven texts are cut at 255 bytes and live in custom-field rows 6, 5, 0, 3, 2, 1, 4;
  * the first five exist in all versions but 2. */
-int RUVAlertSet_src_user(void *record, const char *text, int len);
-int RUVAlertSet_dst_user(void *record, const char *text, int len);
-int RUVAlertSet_application(void *record, const char *text, int len);
-int RUVAlertSet_hostname(void *record, const char *text, int len);
-int RUVAlertSet_domain(void *record, const char *text, int len);
-int RUVAlertSet_command(void *record, const char *text, int len); /**< all versions but 4 */
-int RUVAlertSet_object(void *record, const char *text, int len);  /**< versions 4 to 6 */
+int RUVAlertSet_src_user(void *record, const char *text, int len);    /**< who acted */
+int RUVAlertSet_dst_user(void *record, const char *text, int len);    /**< who was acted upon */
+int RUVAlertSet_application(void *record, const char *text, int len); /**< name of the program */
+int RUVAlertSet_hostname(void *record, const char *text, int len);    /**< name of the host */
+int RUVAlertSet_domain(void *record, const char *text, int len);      /**< name of the domain */
+int RUVAlertSet_command(void *record, const char *text, int len);     /**< all versions but 4 */
+int RUVAlertSet_object(void *record, const char *text, int len);      /**< versions 4 to 6 */
 
 /** Packet bytes, cut at 8000; `len` 0 is an empty packet, since packets have no terminator. */
 int RUVAlertSet_packet(void *record, const void *bytes, int len);
@@ -84,35 +84,35 @@ int RUVAlertSet_custom_field(RUVConn *conn, void *record, const char *name, cons
 
 /** @name Flow records (versions 3 to 6 unless noted)
  * @{ */
-int RUVFlowSet_session_id(void *record, uint64_t session_id); /**< version 6 */
-int RUVFlowSet_src_mac(void *record, const uint8_t *mac);
-int RUVFlowSet_dst_mac(void *record, const uint8_t *mac);
-int RUVFlowSet_src_asn_geo(void *record, uint64_t asn_geo);
-int RUVFlowSet_dst_asn_geo(void *record, uint64_t asn_geo);
-int RUVFlowSet_flow_count(void *record, uint32_t count);
+int RUVFlowSet_session_id(void *record, uint64_t session_id); /**< version 6, travels as 0 */
+int RUVFlowSet_src_mac(void *record, const uint8_t *mac);     /**< 6 bytes */
+int RUVFlowSet_dst_mac(void *record, const uint8_t *mac);     /**< 6 bytes */
+int RUVFlowSet_src_asn_geo(void *record, uint64_t asn_geo);   /**< source AS and place */
+int RUVFlowSet_dst_asn_geo(void *record, uint64_t asn_geo);   /**< destination AS and place */
+int RUVFlowSet_flow_count(void *record, uint32_t count); /**< flows that this record stands for */
 int RUVFlowSet_src_ipv4(void *record, uint32_t address); /**< host byte order */
 int RUVFlowSet_dst_ipv4(void *record, uint32_t address); /**< host byte order */
-int RUVFlowSet_src_ipv6(void *record, const uint32_t *address);
-int RUVFlowSet_dst_ipv6(void *record, const uint32_t *address);
-int RUVFlowSet_first_time(void *record, uint32_t seconds);
-int RUVFlowSet_last_time(void *record, uint32_t seconds);
-int RUVFlowSet_last_time_usec(void *record, uint32_t microseconds);
-int RUVFlowSet_src_port(void *record, uint16_t port);
-int RUVFlowSet_dst_port(void *record, uint16_t port);
-int RUVFlowSet_vlan(void *record, uint16_t vlan);
-int RUVFlowSet_dir(void *record, uint8_t dir);
-int RUVFlowSet_protocol(void *record, uint8_t protocol);
-int RUVFlowSet_dst_bytes(void *record, uint64_t bytes);
-int RUVFlowSet_src_bytes(void *record, uint64_t bytes);
-int RUVFlowSet_dst_packets(void *record, uint64_t packets);
-int RUVFlowSet_src_packets(void *record, uint64_t packets);
-int RUVFlowSet_conn_state(void *record, uint8_t state); /**< version 6 */
-int RUVFlowSet_tcp_flags(void *record, uint8_t flags);  /**< version 6 */
-int RUVFlowSet_tos_src(void *record, uint8_t tos);      /**< version 6 */
-int RUVFlowSet_duration(void *record, uint32_t seconds);
-int RUVFlowSet_duration_usec(void *record, uint32_t microseconds);
-int RUVFlowSet_iface_in(void *record, uint16_t interface_index);
-int RUVFlowSet_iface_out(void *record, uint16_t interface_index);
+int RUVFlowSet_src_ipv6(void *record, const uint32_t *address);     /**< 16 bytes */
+int RUVFlowSet_dst_ipv6(void *record, const uint32_t *address);     /**< 16 bytes */
+int RUVFlowSet_first_time(void *record, uint32_t seconds);          /**< seconds since 1970 */
+int RUVFlowSet_last_time(void *record, uint32_t seconds);           /**< seconds since 1970 */
+int RUVFlowSet_last_time_usec(void *record, uint32_t microseconds); /**< 0 to 999999 */
+int RUVFlowSet_src_port(void *record, uint16_t port);               /**< host byte order */
+int RUVFlowSet_dst_port(void *record, uint16_t port);               /**< host byte order */
+int RUVFlowSet_vlan(void *record, uint16_t vlan);                   /**< VLAN id */
+int RUVFlowSet_dir(void *record, uint8_t dir); /**< direction code; sub-versions 2, 3 send 0 */
+int RUVFlowSet_protocol(void *record, uint8_t protocol);           /**< IP protocol number */
+int RUVFlowSet_dst_bytes(void *record, uint64_t bytes);            /**< bytes to the destination */
+int RUVFlowSet_src_bytes(void *record, uint64_t bytes);            /**< bytes from the source */
+int RUVFlowSet_dst_packets(void *record, uint64_t packets);        /**< packets */
+int RUVFlowSet_src_packets(void *record, uint64_t packets);        /**< packets */
+int RUVFlowSet_conn_state(void *record, uint8_t state);            /**< version 6 */
+int RUVFlowSet_tcp_flags(void *record, uint8_t flags);             /**< version 6 */
+int RUVFlowSet_tos_src(void *record, uint8_t tos);                 /**< version 6 */
+int RUVFlowSet_duration(void *record, uint32_t seconds);           /**< whole seconds */
+int RUVFlowSet_duration_usec(void *record, uint32_t microseconds); /**< rest of the duration */
+int RUVFlowSet_iface_in(void *record, uint16_t interface_index);   /**< index of the interface */
+int RUVFlowSet_iface_out(void *record, uint16_t interface_index);  /**< index of the interface */
 
 /** As RUVAlertSet_custom_field; string fields only in sub-version 3 and up to row 5 (else 59). */
 int RUVFlowSet_custom_field(RUVConn *conn, void *record, const char *name, const void *data,
@@ -130,14 +130,14 @@ int RUVSyslogSet_3rd_party_type(void *record, uint16_t type);      /**< survives
  * The length of the five row texts (log file, source name, host name, user, category) keeps only
  * its low 8 bits, and that is what their setters return.
  * @{ */
-int RUVWinEventLogSet_log_file(void *record, const char *text, int len); /**< version 6 */
-int RUVWinEventLogSet_record_num(void *record, uint32_t number);         /**< version 6 */
-int RUVWinEventLogSet_source_name(void *record, const char *text, int len);
-int RUVWinEventLogSet_event_id(void *record, uint16_t id);
-int RUVWinEventLogSet_windows_ver(void *record, int major, int minor); /**< 5.0-5.2, 6.0-6.1 */
-int RUVWinEventLogSet_gen_time(void *record, uint32_t seconds);
-int RUVWinEventLogSet_event_type(void *record, uint8_t type); /**< 0 to 5 */
-int RUVWinEventLogSet_hostname(void *record, const char *text, int len);
+int RUVWinEventLogSet_log_file(void *record, const char *text, int len);    /**< version 6 */
+int RUVWinEventLogSet_record_num(void *record, uint32_t number);            /**< version 6 */
+int RUVWinEventLogSet_source_name(void *record, const char *text, int len); /**< row text */
+int RUVWinEventLogSet_event_id(void *record, uint16_t id);               /**< the event's number */
+int RUVWinEventLogSet_windows_ver(void *record, int major, int minor);   /**< 5.0-5.2, 6.0-6.1 */
+int RUVWinEventLogSet_gen_time(void *record, uint32_t seconds);          /**< seconds since 1970 */
+int RUVWinEventLogSet_event_type(void *record, uint8_t type);            /**< 0 to 5 */
+int RUVWinEventLogSet_hostname(void *record, const char *text, int len); /**< row text */
 int RUVWinEventLogSet_user(void *record, const char *text, int len);     /**< version 6 */
 int RUVWinEventLogSet_category(void *record, const char *text, int len); /**< version 6 */
 

@@ -1,5 +1,7 @@
 #include "ruv/send.h"
 
+#include <cerrno>
+
 #include "ruv/channel.h"
 #include "ruv/encode.h"
 #include "ruv/error.h"
@@ -57,6 +59,11 @@ bool connection_failed() {
     return ruverrno == 3 || ruverrno == 4 || ruverrno == 6;
 }
 
+// The caller's interrupt callback ended the write; opening anew would only delay the stop.
+bool interrupted() {
+    return ruverrno == 3 && ruverrno2 == EINTR;
+}
+
 int reopen(RUVConn *conn) {
     RUVClose(conn);
     return RUVOpen(conn);
@@ -69,7 +76,7 @@ int send_with_retries(RUVConn *conn, const RUVData_t *record, const RUVDSInfo *d
         if (resolve_channel(conn, record, dsinfo, &cid) != 0) return -1;
         const int written = libruv_send_data(conn, record, dsinfo, cid);
         if (written > 0) return written;
-        if (!connection_failed()) return -1;
+        if (!connection_failed() || interrupted()) return -1;
         // The stream may have ended inside the unit, so even the last failure gets a new one.
         if (reopen(conn) != 0) return -1;
         // A TLS result of 0 is a failed write, and must not look like a sent record.

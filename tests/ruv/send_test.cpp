@@ -302,6 +302,29 @@ TEST_F(Send, InterruptedPauseEndsTheCall) {
     EXPECT_LE(pauses.at(0), 250);
 }
 
+// A Receiver that does not read, until the kernel takes no more: the stop ends the write itself.
+TEST_F(Send, InterruptedWriteEndsTheCallAtOnce) {
+    std::atomic<bool> done{false};
+    fake::receiver receiver([&done](fake::peer &p) {
+        fake::serve_one(p, {});
+        fake::serve_one(p, {});
+        while (!done) usleep(1000);
+    });
+    const auto conn = connect_to(receiver);
+    const std::string text(65000, 'x');
+    const auto record = syslog(conn.get(), text.c_str());
+    RUVSetInterrupt(
+        conn.get(), [](void *) { return 1; }, nullptr);
+    int sent = 0;
+    while (sent < 100'000 && RUVSendData(conn.get(), record.get(), nullptr) > 0) ++sent;
+    done = true;
+    EXPECT_LT(sent, 100'000);
+    EXPECT_EQ(3, ruverrno);
+    EXPECT_EQ(EINTR, ruverrno2);
+    EXPECT_TRUE(pauses.empty());
+    EXPECT_EQ(1, receiver.connections());
+}
+
 TEST_F(Send, OpenGroupQueuesVersion6Records) {
     fake::receiver receiver(fake::serve());
     const auto conn = connect_to(receiver);
