@@ -17,6 +17,7 @@
 #include "core/utils.h"
 #include "filetail/big_fix.h"
 #include "filetail/bookmark.h"
+#include "filetail/reader_notes.h"
 #include "filetail/reader_window.h"
 #include "filetail/ruv.h"
 #include "filetail/tail_state.h"
@@ -44,6 +45,7 @@ struct reading_desk {
     delimiter_ptr delim;  ///< null when the word is no pattern
     read_window window;
     std::vector<group_event> group;
+    reader_notes notes;
 };
 thread_local reading_desk desk;
 
@@ -91,11 +93,9 @@ int open_tailed(const char *path) {
 
 /// False for anything but a regular file, and for a file that has taken the name since the position
 /// was verified: it would be read from the middle. The next scan decides where it begins.
-bool is_readable_here(int fd, const file_sight &verified) {
-    struct stat status;
-    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
-           (verified.inode == 0 ||
-            (verified.inode == status.st_ino && verified.device == status.st_dev));
+bool is_readable_here(const struct stat &status, const file_sight &verified) {
+    return S_ISREG(status.st_mode) && (verified.inode == 0 || (verified.inode == status.st_ino &&
+                                                               verified.device == status.st_dev));
 }
 
 bool may_go_on() {
@@ -209,15 +209,11 @@ bool deliver_group(reading *r, int count) {
 /// Cuts and delivers the next batch. Returns false when there is none.
 bool next_batch(reading *r, const delimiter *delim) {
     const int group = ruv_group_limit();
-    const size_t ahead = group > 0 ? kGroupReadAheadBytes : kReadAheadBytes;
-    const batch_request request{delim,
-                                r->p->ft.ft_delim_end,
-                                r->file->l,
-                                group > 0 ? kReadAheadBytes : kFirstBufferBytes,
-                                group > 0,
-                                ahead,
-                                group > 0 ? group : kBatchEvents};
-    const int count = read_batch(&desk.window, r->fd, request);
+    const batch_request one_by_one{delim, r->p->ft.ft_delim_end, r->file->l,  kFirstBufferBytes,
+                                   false, kReadAheadBytes,       kBatchEvents};
+    const batch_request grouped{delim, r->p->ft.ft_delim_end, r->file->l, kReadAheadBytes,
+                                true,  kGroupReadAheadBytes,  group};
+    const int count = read_batch(&desk.window, r->fd, group > 0 ? grouped : one_by_one);
     if (count < 1) return false;
     if (group > 0 && deliver_group(r, count)) return true;
     deliver_each(r, count);
@@ -225,19 +221,31 @@ bool next_batch(reading *r, const delimiter *delim) {
     return true;
 }
 
-void read_open_file(reading *r, const delimiter *delim, int throttle) {
-    forget_text(&desk.window);
-    r->file->at_end = 0;
+void read_batches(reading *r, const delimiter *delim, int throttle) {
     while (may_go_on() && r->handled < throttle) {
         if (!next_batch(r, delim)) {
             r->file->at_end = 1;
-            break;
+            return;
         }
         if (!r->send_failed) continue;
         // The batch's text was changed while it was prepared: it must be read again.
         forget_text(&desk.window);
         r->send_failed = false;
         ruv_pause_after_failure();
+    }
+}
+
+void read_open_file(reading *r, const delimiter *delim, int throttle) {
+    struct stat status;
+    if (fstat(r->fd, &status) != 0 || !is_readable_here(status, r->file->sight)) return;
+    r->file->at_end = 1;
+    if (is_dry(desk.notes, status, r->file->l)) return;
+    r->file->at_end = 0;
+    forget_text(&desk.window);
+    read_batches(r, delim, throttle);
+    const bool refused = desk.window.error != 0;
+    if (r->file->at_end && (refused || desk.window.length >= kDryBytes)) {
+        note_dry(&desk.notes, status, r->file->l);
     }
     if (desk.window.room > kKeptBufferBytes) desk.window = read_window();
 }
@@ -250,14 +258,14 @@ read_outcome read_file(fdesc *file, int throttle) {
     const int fd = open_tailed(tail_path(file));
     if (fd < 0) {
         const int error = errno;
-        logger(kLogError, "Error: Reading file %s : (%d)%s", tail_path(file), error,
-               strerror(error));
+        if (may_complain(&desk.notes, tail_path(file))) {
+            logger(kLogError, "Error: Reading file %s : (%d)%s", tail_path(file), error,
+                   strerror(error));
+        }
         return {0, true};
     }
     reading r{file, p, fd, nullptr, 0, false};
-    if (delim != nullptr && is_readable_here(fd, file->sight)) {
-        read_open_file(&r, delim, throttle);
-    }
+    if (delim != nullptr) read_open_file(&r, delim, throttle);
     close(fd);
     return {r.handled, false};
 }

@@ -58,6 +58,7 @@ bool fill(read_window *window, int fd, const batch_request &request, size_t want
 
 int read_batch(read_window *window, int fd, const batch_request &request) {
     cut_progress progress{};
+    window->error = 0;
     for (size_t wanted = request.first_bytes;; wanted = std::min(wanted * 2, kLongestEventBytes)) {
         if (!fill(window, fd, request, wanted)) return -1;
         const size_t ready = at_hand(*window, request.position);
@@ -69,6 +70,7 @@ int read_batch(read_window *window, int fd, const batch_request &request) {
             more,          request.max_events};
         const cut_result result = cut_events(cut, &progress, window->events);
         window->read_to = request.position + length;
+        window->error = result.error;
         if (result.error != 0) logger(kLogError, "Error in matching event: %d", result.error);
         if (result.count > 0 || result.error != 0 || !more) return result.count;
         if (length >= kLongestEventBytes) {

@@ -22,6 +22,7 @@ struct read_window {
     uint64_t offset = 0;  /**< place in the file of the first of them */
     bool at_end = false;  /**< the file had no more when it was last asked */
     uint64_t read_to = 0; /**< place in the file behind the text that the last batch looked at */
+    int error = 0;        /**< the matcher's code when the last batch ended in an error, else 0 */
     event_span events[kBatchEvents];
 };
 

@@ -218,6 +218,7 @@ int ruv_alloc_record(plugin *p) {
 int ruv_ensure_connected(plugin *p) {
     for (;;) {
         if (!is_executing()) return -1;
+        if (_connected.load(std::memory_order_relaxed) == 1 && link_record_fits(p)) return 0;
         std::string reason;
         {
             const spinlock_guard hold(ruv_lock);

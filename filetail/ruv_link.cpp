@@ -154,6 +154,11 @@ bool link_alloc_record(plugin *p) {
     return false;
 }
 
+bool link_record_fits(const plugin *p) {
+    return p->data != nullptr && mine.owner == p &&
+           mine.connection == opened_connections.load(std::memory_order_relaxed);
+}
+
 bool link_fit_record(plugin *p) {
     const uint32_t current = opened_connections.load(std::memory_order_relaxed);
     // A worker's first record was made by the plugin's start.

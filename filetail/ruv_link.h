@@ -41,6 +41,9 @@ bool link_alloc_record(plugin *p);
 /** The same, unless the plugin's record was made for the open connection. For its worker. */
 bool link_fit_record(plugin *p);
 
+/** Whether the plugin's record is known to fit. For its worker, without the lock. */
+bool link_record_fits(const plugin *p);
+
 /** Notes that the open connection cannot confirm groups; says so once. */
 void link_confirm_unavailable();
 
