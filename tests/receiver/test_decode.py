@@ -192,6 +192,19 @@ class Decode(ReceiverTest):
         self.assertEqual((second["Lab.Note"], second["Lab.Ratio"], second["Lab.Share"]),
                          ("hi", 0, 0))
 
+    def test_sizes_of_the_blocks(self):
+        """The builder's own blocks have the documented sizes on the wire."""
+        wanted = {"alert 1.-": 128, "alert 2.-": 128, "alert 3.-": 129, "alert 4.-": 129,
+                  "alert 5.-": 129, "alert 6.1": 100, "alert 6.2": 216, "alert 6.3": 224,
+                  "flow 3.-": 148, "flow 4.-": 148, "flow 5.-": 148, "flow 6.1": 128,
+                  "flow 6.2": 204, "flow 6.3": 232, "syslog 3.-": 12, "syslog 4.-": 12,
+                  "syslog 5.-": 12, "syslog 6.1": 8, "syslog 6.2": 8, "syslog 6.3": 8,
+                  "windows 3.-": 62, "windows 4.-": 62, "windows 5.-": 62, "windows 6.1": 4,
+                  "windows 6.2": 4, "windows 6.3": 4}
+        head = {6: 16}
+        self.assertEqual({str(b): len(b.build({})) - head.get(b.version, 8) for b in all_bodies()},
+                         wanted)
+
     def test_custom_field_with_an_odd_name(self):
         catalogue = self.folder / "fields"
         catalogue.write_bytes(b'[x]\nUserField.ID=300\nUserField.Name="\\\xff\n'

@@ -139,6 +139,32 @@ class Send(ReceiverTest):
         status, lines, _ = self.send(receiver)
         self.assertEqual((status, lines[0]["call"], lines[0]["error"]), (1, "RUVOpen", 3))
 
+    def test_encryption_that_does_not_match(self):
+        """Each side waits the other out: a wrong mode ends in the error that names it."""
+        for receiver_mode, mode, code in (("none", "always", 7), ("always", "none", 7),
+                                          ("always", "request", 7), ("none", "request", 13)):
+            with self.subTest(receiver=receiver_mode, sender=mode):
+                receiver = self.receiver("--tls", receiver_mode)
+                status, lines, _ = self.send(receiver, "--tls", mode, "--set", "message=x")
+                self.assertEqual((status, lines[0]["call"], lines[0]["error"]), (1, "RUVOpen", code))
+                self.assertEqual(receiver.named("record"), [])
+
+    def test_receivers_that_lie(self):
+        """Broken answers end the opening in an error, and soon."""
+        path = self.folder / "fields"
+        path.write_bytes(b"[a]\n")
+        for options in (["--hostile-count=-1"], ["--hostile-count", 2147483647],
+                        ["--hostile-size=-1", "--catalogue", path],
+                        ["--hostile-size", 2147483647, "--catalogue", path],
+                        ["--truncate", "ReqDataVers"], ["--refuse", "ReqDataVers"],
+                        ["--truncate", "GetCustomFieldFile", "--catalogue", path]):
+            with self.subTest(options=options):
+                receiver = self.receiver(*options)
+                status, lines, _ = self.send(receiver, "--set", "message=x")
+                self.assertEqual((status, lines[0]["call"], lines[0]["result"]),
+                                 (1, "RUVOpen", -1))
+                self.assertIn(lines[0]["error"], (1, 3, 13))
+
     def test_modern_tls(self):
         """A certificate that nobody vouches for is refused before any record is sent."""
         receiver = self.receiver("--tls", "always")
