@@ -81,7 +81,7 @@ void append_tls_reason(const RUVConn *conn, char *errstr) {
 void format_row(const error_row &row, const RUVConn *conn, char *errstr) {
     switch (row.arguments) {
         case kPlain:
-            strcpy(errstr, row.text);
+            sprintf(errstr, "%s", row.text);
             break;
         case kArgument:
             sprintf(errstr, row.text, ruverrno2);

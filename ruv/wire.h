@@ -12,8 +12,9 @@
 #error "the wire images below are little-endian; a big-endian host needs its own conversions"
 #endif
 
-/// Sent ahead of every header; read as bytes: 55 AA 55 AA CE FA ED FE.
-inline constexpr uint64_t magic = 0xFEEDFACEAA55AA55ull;
+/// Sent ahead of every header; read as bytes: 55 AA 55 AA CE FA ED FE. Not `inline`: the unique
+/// symbol of an inline constant could not be made local in the static archive.
+constexpr uint64_t magic = 0xFEEDFACEAA55AA55ull;
 
 /// Data types: the row index of RUVConn::data_versions, and a header's `ruv_data_type`.
 enum ruv_data_type : int { kRequest = 0, kAlert = 1, kFlow = 2, kSyslog = 3, kWinEvent = 4 };
@@ -46,7 +47,7 @@ static_assert(offsetof(RUVv6_Header_t, third_party_type) == 4);
 static_assert(offsetof(RUVv6_Header_t, dsidchanid) == 6);
 
 /// Every answer begins with 8 bytes; only these mean success, and all 8 are compared.
-inline constexpr char kResultOkay[8] = {'O', 'K', 'A', 'Y', 0, 0, 0, 0};
+constexpr char kResultOkay[8] = {'O', 'K', 'A', 'Y', 0, 0, 0, 0};
 
 /// Body head of GetChanID; `data_len` bytes of data follow.
 struct RUV_ReqInfo_GetChanID_t {

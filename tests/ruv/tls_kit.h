@@ -27,7 +27,7 @@ inline X509_EXTENSION *extension(int nid, const std::string &value) {
 inline identity make_identity(const std::string &common_name, const std::string &names,
                               const identity *issuer, int from = -1, int to = 30) {
     identity made;
-    made.key = EVP_EC_gen("P-256");
+    made.key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
     made.cert = X509_new();
     X509_set_version(made.cert, 2);
     static long serial = 1;
