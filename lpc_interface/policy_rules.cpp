@@ -66,9 +66,13 @@ std::wstring through_the_file(const std::wstring &text) {
 
 constexpr std::string_view kLineBreakers("\n\r\0", 3);
 
-// Looks at the bytes, since a wide character may stand for a raw byte (core/utils.h).
+// The private character that stands for a raw NUL (core/utils.h), where narrow text would end.
+constexpr wchar_t kRawNul = 0xF700;
+
+// Looks at the bytes, since such characters stand for the other breakers too.
 bool breaks_a_line(const std::wstring &text) {
-    return narrow(text).find_first_of(kLineBreakers) != std::string::npos;
+    return text.find(kRawNul) != std::wstring::npos ||
+           narrow(text).find_first_of(kLineBreakers) != std::string::npos;
 }
 
 // Kept: a beginning of the word counts too, though the daemon itself wants all of it; the numbers

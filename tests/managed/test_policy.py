@@ -1,4 +1,5 @@
-"""Policies: what they change in the file, what they must not, and that no event is lost over them."""
+"""Policies: what they change in the file, what they must not, and that no event is lost over them.
+"""
 import os
 import signal
 import subprocess
@@ -265,7 +266,7 @@ class Concurrent(ManagedTest):
     def test_a_stop_may_come_while_policies_do(self):
         receiver = self.receiver()
         self.configure(receiver.port)
-        policies = [self.policy(GLOBAL, f"Tail Mode={mode}", name=mode) for mode in ("end", "begin")]
+        policies = [self.policy(GLOBAL, f"Tail Mode={m}", name=m) for m in ("end", "begin")]
         for pause in (0.0, 0.01, 0.05, 0.1):
             daemon = self.start()
             daemon.wait_log("Started policy enforcement service")
