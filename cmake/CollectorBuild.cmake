@@ -20,6 +20,12 @@ if(COLLECTOR_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set(CMAKE_CXX_COMPILER_LAUNCHER ${COLLECTOR_CCACHE})
 endif()
 
+# The tests' scripts need nothing but the system's own Python; a wrapper in front of it, as version
+# managers put into the path, costs time with each test.
+if(NOT Python3_EXECUTABLE AND EXISTS /usr/bin/python3)
+    set(Python3_EXECUTABLE /usr/bin/python3 CACHE FILEPATH "Python of the tests")
+endif()
+
 find_package(Threads REQUIRED)
 find_package(OpenSSL REQUIRED)
 
