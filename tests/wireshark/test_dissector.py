@@ -2,6 +2,8 @@
 import json
 import os
 import shutil
+import socket
+import ssl
 import struct
 import subprocess
 
@@ -183,6 +185,27 @@ class Dissector(ReceiverTest):
         self.assertEqual(self.fields(path, ["ruv.request"], "ruv.result"), [["0"], ["1"]])
         hello = self.fields(path, ["tls.handshake.type"], "tls.handshake.type==1")
         self.assertEqual(len(hello), 1)
+
+    def test_tls_with_the_keys(self):
+        """With a key log the units inside show like plain ones, requests and answers too."""
+        receiver = self.receiver("--tls", "always")
+        recorder = Recorder(self, receiver.port)
+        keys = self.folder / "keys"
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+        context.check_hostname = False
+        context.verify_mode = ssl.CERT_NONE
+        context.maximum_version = ssl.TLSVersion.TLSv1_2
+        context.keylog_filename = str(keys)
+        with context.wrap_socket(socket.create_connection(("127.0.0.1", recorder.port), 60)) as tls:
+            tls.sendall(request(0))
+            self.assertEqual(tls.recv(8), OKAY)
+            tls.sendall(syslog(b"inside") + request(6))
+            self.assertEqual(tls.recv(24)[:8], OKAY)
+        path = self.capture(recorder.finish())
+        rows = self.fields(path, ["ruv.request", "ruv.message", "ruv.result"], "ruv", "-o",
+                           f"tls.keylog_file:{keys}")
+        self.assertEqual(rows, [["0", "", ""], ["0", "", "OKAY"], ["6", "inside", ""],
+                                ["6", "", "OKAY"]])
 
     def test_cut_into_pieces(self):
         """However the segments fall, the same units come out, in the first pass and the second."""
