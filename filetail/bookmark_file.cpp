@@ -94,10 +94,6 @@ int write_at(int fd, const char *bytes, size_t size, off_t offset) {
     return 0;
 }
 
-bool is_path(const bookmark_record &record, const char *path, size_t path_length) {
-    return record.path_length == path_length && std::memcmp(record.path, path, path_length) == 0;
-}
-
 // Calls visit(slot, bytes, length) for every record until it returns false. -1 on a read error.
 template <typename Visit>
 int for_each_record(int fd, Visit visit) {
@@ -134,13 +130,13 @@ int build_index(bookmark_file *file) {
     });
 }
 
-// Reads one slot. 1 with the hit filled when a record of any path stands there, 0 when not.
-int read_slot(const bookmark_file *file, int32_t slot, bookmark_hit *hit) {
+// Reads one slot. 1 with the hit filled when it holds a record of `path`, 0 when not.
+int read_slot(const bookmark_file *file, int32_t slot, const char *path, size_t path_length,
+              bookmark_hit *hit) {
     const ssize_t got = read_at(file->fd, hit->bytes, kBookmarkRecord, offset_of(slot));
     if (got < 0) return -1;
     hit->slot = slot;
-    hit->record = bookmark_parse(hit->bytes, static_cast<size_t>(got));
-    return hit->record.path_length > 0;
+    return bookmark_parse_of(hit->bytes, static_cast<size_t>(got), path, path_length, &hit->record);
 }
 
 int find_by_scan(const bookmark_file *file, const char *path, size_t path_length,
@@ -148,12 +144,12 @@ int find_by_scan(const bookmark_file *file, const char *path, size_t path_length
     int32_t found = -1;
     const int result =
         for_each_record(file->fd, [&](int32_t slot, const char *bytes, size_t length) {
-            if (!is_path(bookmark_parse(bytes, length), path, path_length)) return true;
+            if (!bookmark_parse_of(bytes, length, path, path_length, &hit->record)) return true;
             found = slot;
             return false;
         });
     if (result != 0) return -1;
-    return found < 0 ? 0 : read_slot(file, found, hit);
+    return found < 0 ? 0 : read_slot(file, found, path, path_length, hit);
 }
 
 // Several records of one path can only have been made by hand; the first one counts.
@@ -164,12 +160,12 @@ int find_by_index(const bookmark_file *file, const char *path, size_t path_lengt
     int32_t first = -1;
     for (int32_t slot; (slot = path_index_next(&file->index, hash, &cursor)) >= 0;) {
         if (first >= 0 && slot > first) continue;
-        const int filled = read_slot(file, slot, hit);
+        const int filled = read_slot(file, slot, path, path_length, hit);
         if (filled < 0) return -1;
-        if (filled && is_path(hit->record, path, path_length)) first = slot;
+        if (filled) first = slot;
     }
     if (first < 0) return 0;
-    return hit->slot == first ? 1 : read_slot(file, first, hit);
+    return hit->slot == first ? 1 : read_slot(file, first, path, path_length, hit);
 }
 
 // A record that does not fit leaves nothing behind.

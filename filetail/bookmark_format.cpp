@@ -72,6 +72,20 @@ size_t path_length_of(const char *field, size_t size) {
     return static_cast<size_t>(end - field);
 }
 
+// Everything before the path. False when the record is damaged or too short.
+bool take_numbers(const char *bytes, size_t length, bookmark_record *record) {
+    uint64_t head = 0;
+    uint64_t tail = 0;
+    if (length <= kBookmarkPathOffset || !take_number(bytes, &record->location) ||
+        !take_number(bytes + 16, &head) || !take_number(bytes + 32, &tail)) {
+        return false;
+    }
+    record->head = static_cast<uint32_t>(head);
+    record->tail = static_cast<uint32_t>(tail);
+    record->path = bytes + kBookmarkPathOffset;
+    return true;
+}
+
 }  // namespace
 
 bool bookmark_format(char out[kBookmarkRecord], uint64_t location, uint32_t head, uint32_t tail,
@@ -89,15 +103,7 @@ bool bookmark_format(char out[kBookmarkRecord], uint64_t location, uint32_t head
 
 bookmark_record bookmark_parse(const char *bytes, size_t length) {
     bookmark_record record = {};
-    uint64_t head = 0;
-    uint64_t tail = 0;
-    if (length <= kBookmarkPathOffset || !take_number(bytes, &record.location) ||
-        !take_number(bytes + 16, &head) || !take_number(bytes + 32, &tail)) {
-        return record;
-    }
-    record.head = static_cast<uint32_t>(head);
-    record.tail = static_cast<uint32_t>(tail);
-    record.path = bytes + kBookmarkPathOffset;
+    if (!take_numbers(bytes, length, &record)) return record;
     const size_t size = std::min(length - kBookmarkPathOffset, kBookmarkPathLimit);
     record.path_length = path_length_of(record.path, size);
     // A record that ends with its path may have lost the rest of it.
@@ -105,7 +111,28 @@ bookmark_record bookmark_parse(const char *bytes, size_t length) {
     return record;
 }
 
+bool bookmark_parse_of(const char *bytes, size_t length, const char *path, size_t path_length,
+                       bookmark_record *record) {
+    if (length == kBookmarkRecord && path_length > 0 && path_length <= kBookmarkPathLimit) {
+        const char *field = bytes + kBookmarkPathOffset;
+        if (std::memcmp(field, path, path_length) == 0 &&
+            std::memcmp(field + path_length, kBlanks.data(), kBookmarkPathLimit - path_length) ==
+                0 &&
+            bookmark_path_findable(path, path_length)) {
+            *record = {};
+            if (!take_numbers(bytes, length, record)) return false;
+            record->path_length = path_length;
+            return true;
+        }
+    }
+    *record = bookmark_parse(bytes, length);
+    return record->path_length > 0 && record->path_length == path_length &&
+           std::memcmp(record->path, path, path_length) == 0;
+}
+
 bool bookmark_path_findable(const char *path, size_t path_length) {
-    return path_length > 0 && path_length <= kBookmarkPathLimit &&
-           std::none_of(path, path + path_length, is_blank);
+    if (path_length == 0 || path_length > kBookmarkPathLimit) return false;
+    unsigned blanks = 0;
+    for (size_t i = 0; i < path_length; ++i) blanks |= is_blank(path[i]);
+    return blanks == 0;
 }

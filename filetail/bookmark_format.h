@@ -36,5 +36,10 @@ bool bookmark_format(char out[kBookmarkRecord], uint64_t location, uint32_t head
 /// path with a blank inside, or a number that is none, leaves `path_length` 0.
 bookmark_record bookmark_parse(const char *bytes, size_t length);
 
+/// bookmark_parse() for a record that is expected to be that of `path`, which is compared in one
+/// go. Returns whether it is; *record is filled in any case.
+bool bookmark_parse_of(const char *bytes, size_t length, const char *path, size_t path_length,
+                       bookmark_record *record);
+
 /// True when a record can be found by `path`: 1 to 150 bytes, none of them blank.
 bool bookmark_path_findable(const char *path, size_t path_length);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -137,6 +138,31 @@ TEST(BookmarkFormat, EveryNumberIsWrittenAsTheCLibraryWritesIt) {
         ASSERT_EQ(parsed(bytes).tail, static_cast<uint32_t>(value >> 3));
         value = i % 20 < 16 ? value * 10 % 999'999'999'999'999 : value * 7 + 9;
         value %= 1'000'000'000'000'000;
+    }
+}
+
+// The comparison in one go and the reading of a path must agree on every record.
+TEST(BookmarkFormat, ParsingForAPathAgreesWithParsing) {
+    const std::vector<std::string> paths = {
+        "/a", "/a b", "/ab", "", "/", std::string(150, 'p'), std::string(151, 'p'), "/a\n"};
+    std::vector<std::string> images = {"", kZeros, kZeros + "/a", kZeros + "/a\n", kZeros + "/a "};
+    for (const std::string &path : paths) images.push_back(with_field(path));
+    for (size_t at = 0; at < 199; ++at) {
+        for (const char damage : {'x', ' ', '\0', '\n', '0'}) {
+            images.push_back(with_field("/a"));
+            images.back()[at] = damage;
+        }
+    }
+    for (const std::string &image : images) {
+        for (const std::string &path : paths) {
+            bookmark_record record;
+            const bool is_it =
+                bookmark_parse_of(image.data(), image.size(), path.data(), path.size(), &record);
+            const bookmark_record plain = parsed(image);
+            EXPECT_EQ(is_it, plain.path_length > 0 && path_of(image) == path) << image;
+            EXPECT_EQ(record.path_length, plain.path_length) << image;
+            EXPECT_EQ(record.location, plain.location);
+        }
     }
 }
 
