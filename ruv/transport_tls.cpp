@@ -76,21 +76,27 @@ BIO_METHOD *make_socket_method() {
 
 // ---- Errors.
 
+// The words for an entry of the library's error queue, which has none for system errors.
+const char *reason_text(unsigned long err, const char *otherwise) {
+    const char *text = err == 0                ? nullptr
+                       : ERR_SYSTEM_ERROR(err) ? strerror(ERR_GET_REASON(err))
+                                               : ERR_reason_error_string(err);
+    return text ? text : otherwise;
+}
+
 // Why the last operation failed, in words, for a handle that checks its peer.
 void note_reason(RUVConn *conn, unsigned long err) {
     if (!conn->tls_opted) return;
     const long verdict = conn->ssl_conn ? SSL_get_verify_result(conn->ssl_conn) : X509_V_OK;
-    const char *reason = err ? ERR_reason_error_string(err) : nullptr;
+    const char *reason = reason_text(err, "connection closed");
     if (verdict != X509_V_OK)
         snprintf(conn->tls_reason, sizeof conn->tls_reason, "the Receiver's certificate: %s",
                  X509_verify_cert_error_string(verdict));
     else if (conn->tls_cert_wanted)
         snprintf(conn->tls_reason, sizeof conn->tls_reason,
-                 "the Receiver asks for a client certificate and none is set (%s)",
-                 reason ? reason : "connection closed");
+                 "the Receiver asks for a client certificate and none is set (%s)", reason);
     else
-        snprintf(conn->tls_reason, sizeof conn->tls_reason, "%s",
-                 reason ? reason : "connection closed");
+        snprintf(conn->tls_reason, sizeof conn->tls_reason, "%s", reason);
 }
 
 int fail_session(RUVConn *conn, int ret, int ssl_error, int saved_errno) {
@@ -104,9 +110,8 @@ int fail_session(RUVConn *conn, int ret, int ssl_error, int saved_errno) {
 // A file or setting that cannot be used: `what` goes before the library's reason.
 int fail_option(RUVConn *conn, const char *what) {
     const unsigned long err = ERR_get_error();
-    const char *reason = err ? ERR_reason_error_string(err) : nullptr;
     snprintf(conn->tls_reason, sizeof conn->tls_reason, "%s: %s", what,
-             reason ? reason : "not usable");
+             reason_text(err, "not usable"));
     return fail_tls(0, 0, static_cast<int>(err));
 }
 
