@@ -16,7 +16,6 @@ constexpr int kSendAttempts = 7;        // writes of one record, the first one i
 constexpr int kResendPauseSeconds = 5;  // between a reconnect and the next write
 
 constexpr int kLastLegacyVersion = 5;
-constexpr int kMaxChannelId = 0xFFFF;
 constexpr int kNoChannel = -1;  // legacy records have no header that could carry one
 
 // Versions 1 to 5 have no place for a host id, and their Syslog none for an IPv6 address.
@@ -47,8 +46,7 @@ int resolve_channel(RUVConn *conn, const RUVData_t *record, const RUVDSInfo *dsi
     if (dsinfo == nullptr) return 0;
     *cid = libruv_lookup_channel_id(conn, dsinfo);
     if (*cid < 0) *cid = libruv_request_channel_id(conn, dsinfo);
-    if (*cid == -1) return -1;
-    if (*cid < 0 || *cid > kMaxChannelId) return ruv::fail(14);
+    if (*cid < 0) return -1;
     // Kept: with auto-learning off the source counts as known all the same and libruv_am_known is
     // never called from here; the mask of its known bit is looked at, which is never zero.
     return 0;

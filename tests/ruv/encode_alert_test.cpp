@@ -154,6 +154,19 @@ TEST(EncodeAlert, Version5BlockIs129Bytes) {
     EXPECT_EQ(kit::raw({5, 0, 100}), unit.substr(8, 3));
 }
 
+// The setters refuse these texts for version 2, whose body could carry the first five of them.
+TEST(EncodeAlert, Version2HasRoomForFiveTexts) {
+    const auto record = kit::make(1, 2);
+    ASSERT_EQ(0, RUVAlertSet_sigid(record.get(), 1));
+    for (int row = 0; row < 7; ++row) {
+        record->data.cfdata.data[row] = reinterpret_cast<const uint8_t *>("acdhofu" + row);
+        record->data.cfdata.len[row] = 1;
+    }
+    image body = image(128).at<uint8_t>(0, 2).at<uint32_t>(56, 1);
+    body.text(78, kit::raw({1, 1, 1, 1, 1}));
+    EXPECT_EQ(kit::kMagicBytes + body.bytes() + "ufahd", kit::encoded(record));
+}
+
 // Fields that version 1 lets its setters write but has no place for.
 TEST(EncodeAlert, Version1SendsNoTextsButMessageAndPacket) {
     const auto record = kit::make(1, 1);
