@@ -243,14 +243,16 @@ class Decode(ReceiverTest):
         client.send(header(ALERT, 3) + header(2, 4095))
         legacy = next(b for b in all_bodies() if str(b) == "syslog 5.-")
         long = bytes(random.Random(3).choices(b"abc", k=3_000_000))
+        client.send(legacy.build({"nadtype": 5, "message": long[:200_000]}))
         client.send(legacy.build({"nadtype": 5, "message": long}))
         client.send(syslog(b"after"))
         client.confirm()
-        lines = receiver.wait("record", 4)
-        self.assertEqual([line["record"] for line in lines], ["alert", "flow", "syslog", "syslog"])
+        lines = receiver.wait("record", 5)
+        self.assertEqual([line["record"] for line in lines], ["alert", "flow"] + ["syslog"] * 3)
         self.assertNotIn("body", lines[0])
-        self.assertEqual(lines[2]["message"], long.decode())
-        self.assertEqual(lines[3]["message"], "after")
+        self.assertEqual(lines[2]["message"], long[:200_000].decode())
+        self.assertEqual(lines[3]["message"], long.decode())
+        self.assertEqual(lines[4]["message"], "after")
 
     def test_cut_anywhere_the_same_lines(self):
         """A unit may arrive in any pieces."""

@@ -147,6 +147,19 @@ class Requests(ReceiverTest):
                          len(stream) - 5 * len(good))
 
 
+    def test_a_unit_without_its_end(self):
+        """What is left when a stream ends is kept and counted, but is no event."""
+        receiver = self.receiver("--quiet", "--connections", 1, "--save", self.folder / "saved")
+        client = self.client(receiver)
+        stream = syslog(b"whole") + syslog(b"half")[:-2]
+        client.send(stream)
+        client.close()
+        self.assertEqual(receiver.finish(), 0)
+        self.assertEqual((receiver.totals()["records"], receiver.totals()["garbage_bytes"]),
+                         (1, len(stream) - len(syslog(b"whole"))))
+        self.assertEqual((self.folder / "saved").read_bytes(), stream)
+
+
 class Tls(ReceiverTest):
     def test_from_the_first_byte(self):
         receiver = self.receiver("--tls", "always", "--verbose")

@@ -18,8 +18,11 @@ namespace receiver {
 
 using clock_time = std::chrono::steady_clock::time_point;
 
-/** Bytes read at once; also the largest unit that is decoded without a buffer of its own. */
+/** Bytes read at once. */
 inline constexpr size_t kReadSize = 1 << 20;
+/** A longer unit gathers in a buffer of its own, so that its beginning is not copied again and
+ * again while it arrives. */
+inline constexpr uint64_t kSharedUnit = 128 << 10;
 /** A unit that claims to be longer ends its connection. */
 inline constexpr uint64_t kLargestUnit = 64u << 20;
 /** With so many bytes of answers unsent a client is not read any further. */

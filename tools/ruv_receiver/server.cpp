@@ -273,6 +273,7 @@ void server::remove_dead() {
     for (int fd : dead_) {
         connection &c = *clients_[fd];
         log_.save(c.carry.data(), c.carry.size());
+        if (c.ended && !c.carry.empty()) note_garbage(c, c.carry.size());
         if (log_.verbose()) note_connection(c, "disconnect", c.reason);
         log_.flush();
         c.end();

@@ -39,8 +39,8 @@ bool server::sniff(connection &c) {
 /** One read and what follows from it; false when nothing more is there for now. */
 bool server::read_once(connection &c) {
     size_t had = c.carry.size();
-    if (c.needed > buffer_.size()) {
-        // A long unit grows in a buffer of its own, by what has really arrived.
+    if (c.needed > kSharedUnit) {
+        // The buffer grows by what has really arrived, not by what was claimed.
         size_t room = std::min<uint64_t>(c.needed - had, kReadSize);
         c.carry.resize(had + room);
         size_t got = read_into(c, c.carry.data() + had, room);
