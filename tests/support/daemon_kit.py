@@ -178,7 +178,8 @@ class Daemon:
     sanitizer_environment().
     """
 
-    def __init__(self, rig, *args, conf=None, scale=None, env=None, log=True, wait=True):
+    def __init__(self, rig, *args, conf=None, scale=None, env=None, log=True, wait=True,
+                 wrapper=()):
         self.log_path = rig.log_path
         environment = {k: v for k, v in os.environ.items() if not k.startswith("COLLECTOR_")}
         environment.update(rig.sanitizer_environment())
@@ -197,8 +198,8 @@ class Daemon:
             self.log_path.unlink()
         with open(self.out, "wb") as out, open(self.err, "wb") as err:
             self.process = subprocess.Popen(
-                private_command(rig.private) + preload + command, env=environment, cwd=rig.folder,
-                stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+                private_command(rig.private) + [*wrapper] + preload + command, env=environment,
+                cwd=rig.folder, stdin=subprocess.DEVNULL, stdout=out, stderr=err)
         rig.daemons.append(self)
         if wait:
             self.wait_log("Initalizing Linux Agent")
