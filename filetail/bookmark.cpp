@@ -84,7 +84,7 @@ int drop_record(const char *path, change_result *result) {
     return found;
 }
 
-int save(fdesc *bm) {
+int write_record(const fdesc *bm) {
     const size_t length = strlen(bm->n);
     char record[kBookmarkRecord];
     if (!bookmark_format(record, bm->l, bm->h, bm->t, bm->n, length)) {
@@ -102,6 +102,13 @@ int save(fdesc *bm) {
                record);
     }
     return 0;
+}
+
+int save(fdesc *bm) {
+    const int result = write_record(bm);
+    bm->known = 1;
+    bm->unsaved = result != 0;
+    return result;
 }
 
 // Reads the record of `bm` into `hit`. 1 found, 0 none, -1 the bookmark file cannot be used now.
@@ -246,10 +253,13 @@ int update_bookmark_at(int fd, fdesc *bm, uint64_t position) {
     bm->h = head_checksum(fd);
     const uint64_t size = stat(tail_path(bm), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
     bm->t = tail_checksum(fd, size, position);
-    bm->known = 1;
-    const int result = save(bm);
-    bm->unsaved = result != 0;
-    return result;
+    return save(bm);
+}
+
+int update_bookmark_as_seen(fdesc *bm) {
+    bm->h = bm->sight.head;
+    bm->t = bm->sight.tail;
+    return save(bm);
 }
 
 int get_bookmark(fdesc *bm) {

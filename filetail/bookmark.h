@@ -45,6 +45,10 @@ int update_bookmark_fd(int fd, fdesc *bm);
 /// for each later one (the position returns to the location after every event).
 int update_bookmark_at(int fd, fdesc *bm, uint64_t position);
 
+/// The same for a file that get_bookmark() has just looked at, with the checksums of that look; the
+/// file is not read again.
+int update_bookmark_as_seen(fdesc *bm);
+
 /// Looks the record of `bm` up and sets its location to where reading must go on. Returns 1 when a
 /// record was found; 0 when there is none, or no such file (any more); -1 with errno when the file
 /// or the bookmark file could not be opened just now: the record, if any, is still there, and the

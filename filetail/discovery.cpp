@@ -119,32 +119,24 @@ fdesc *make_fdesc(ft_bm *group, const char *path) {
     return nullptr;
 }
 
-// Where a file without a bookmark begins.
-uint64_t start_of_new_file(const ft_bm *group, const char *path) {
-    if (group->p->ft.ft_start_top) return 0;
+bool was_seen(const fdesc *file) {
+    return file->sight.inode != 0;
+}
+
+// Where a file without a bookmark begins: at its end, unless it is to be read from the top.
+uint64_t start_of_new_file(const ft_bm *group, const fdesc *file) {
     struct stat st;
-    if (stat(path, &st) == 0) return static_cast<uint64_t>(st.st_size);
-    logger(kLogError, "Error: unable to get file length. Invalid file %s", path);
+    if (group->p->ft.ft_start_top) return 0;
+    if (was_seen(file)) return file->sight.size;
+    if (stat(file->n, &st) == 0) return static_cast<uint64_t>(st.st_size);
+    logger(kLogError, "Error: unable to get file length. Invalid file %s", file->n);
     return 0;
 }
 
 // True when a look-up that told nothing may tell something at the next scan. A bookmark file that
 // cannot be used at all must not keep the events back.
-bool is_passing_failure(const fdesc *file, int reason) {
-    return file->sight.inode == 0 || reason == EMFILE || reason == ENFILE || reason == ENOMEM ||
-           reason == EIO;
-}
-
-// Opens the file and writes its first bookmark. False when it cannot be read.
-bool write_first_bookmark(fdesc *file, bool readable) {
-    const int fd = readable ? open_regular(file->n) : -1;
-    if (fd < 0) {
-        logger(kLogError, "Error: unable to read from file. Invalid file %s", file->n);
-        return false;
-    }
-    update_bookmark_at(fd, file, 0);
-    close(fd);
-    return true;
+bool is_passing_failure(int reason) {
+    return reason == EMFILE || reason == ENFILE || reason == ENOMEM || reason == EIO;
 }
 
 // What is known to be no file without asking for its status.
@@ -302,11 +294,13 @@ fdesc *add_new_file(ft_bm *group, const char *path) {
     new_file file(make_fdesc(group, path));
     if (!file) return nullptr;
     const int found = get_bookmark(file.get());
-    const bool readable = found >= 0 || !is_passing_failure(file.get(), errno);
-    if (found != 1) file->l = start_of_new_file(group, path);
+    const bool try_again = !was_seen(file.get()) || (found < 0 && is_passing_failure(errno));
+    if (found != 1) file->l = start_of_new_file(group, file.get());
     logger(kLogInfo, "Loaded file for tailing: %s starting at byte: %" PRIu64, path, file->l);
-    if (!write_first_bookmark(file.get(), readable) || !append_file(group, file.get())) {
+    if (try_again) {
+        logger(kLogError, "Error: unable to read from file. Invalid file %s", path);
         return nullptr;
     }
-    return file.release();
+    update_bookmark_as_seen(file.get());
+    return append_file(group, file.get()) ? file.release() : nullptr;
 }
