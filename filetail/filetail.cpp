@@ -34,6 +34,8 @@ constexpr int kUnreadablePauseMilliseconds = 1000;
 constexpr int kShortestIdleMilliseconds = 10;
 /// Longest wait for a report of the kernel before the state is looked at again.
 constexpr int kWakeSliceMilliseconds = 500;
+/// With more files written at once than this, a pass over all of them is as good.
+constexpr size_t kMostWrittenFiles = 64;
 
 struct free_memory {
     void operator()(void *memory) const { free(memory); }
@@ -88,6 +90,7 @@ fdesc *find_file(const ft_bm *group, const std::string &name) {
 bool read_written(ft_bm *group, name_list *names) {
     std::sort(names->begin(), names->end());
     names->erase(std::unique(names->begin(), names->end()), names->end());
+    if (names->size() > kMostWrittenFiles) return false;
     for (const std::string &name : *names) {
         fdesc *file = find_file(group, name);
         if (file == nullptr) continue;
