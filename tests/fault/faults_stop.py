@@ -148,6 +148,6 @@ def row(state, sig):
             "arguments": {"state": state, "sig": sig}}
 
 
-STATES = (idle, sending, sending_confirmed, reconnect_pause, connecting, probing, handshake, stalled,
-          unanswered_group)
+STATES = (idle, sending, sending_confirmed, reconnect_pause, connecting, probing, handshake,
+          stalled, unanswered_group)
 ROWS = [row(state, sig) for state in STATES for sig in SIGNALS]
