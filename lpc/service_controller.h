@@ -21,16 +21,21 @@ class LPCServiceController {
         ILPCRepository *repository = manager->getLPCRepository();
         if (!repository)
             return refuse(L"Unable to access LPC repository, please check LPC runtime");
-        auto *adaptor = new (std::nothrow) Adaptor<typename T::Interface>(servant);
-        if (adaptor)
-            repository->registerAdaptor(servant->getInterfaceId().c_str(), adaptor);
-        else
-            refuse(L"Memory allocation failure");
+        const bool published = publish(repository, servant) || refuse(L"Memory allocation failure");
         manager->releaseLPCRepository(repository);
-        return adaptor != nullptr;
+        return published;
     }
 
   private:
+    // Nothing is thrown to the threads of the runtime.
+    static bool publish(ILPCRepository *repository, T *servant) try {
+        auto *adaptor = new (std::nothrow) Adaptor<typename T::Interface>(servant);
+        if (adaptor) repository->registerAdaptor(servant->getInterfaceId().c_str(), adaptor);
+        return adaptor != nullptr;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+
     static bool refuse(const wchar_t *why) {
         refuse_object(why);
         return false;

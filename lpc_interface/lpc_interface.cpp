@@ -62,8 +62,8 @@ std::wstring working_directory() {
     return mbstowcs(wide.data(), name, wide.size()) == wide.size() ? wide : std::wstring();
 }
 
-// Returns as initializeLPC().
-int bring_up() {
+// Returns as initializeLPC(); a memory that is short is one more way to fail.
+int bring_up() try {
     LPC::obtain_passphrase(kSoftwareId, g_lpc_passphrase, &g_passphrase_length);
     LPC::VlrLpcCallbacks *callbacks = new_callbacks();
     LPC::ISerializationFactory *factory = new LPC::SerializationFactory;
@@ -76,6 +76,8 @@ int bring_up() {
     delete factory;
     delete callbacks;
     return result;
+} catch (const std::bad_alloc &) {
+    return -1;
 }
 
 template <class ServantImpl>

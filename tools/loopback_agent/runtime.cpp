@@ -120,9 +120,12 @@ std::shared_ptr<Channel> Runtime::channel_to(const std::string &provider) {
     {
         std::lock_guard guard(m_guard);
         if (m_disabled) return nullptr;
-        for (Connection &connection : m_connections)
-            if (!connection.ended && connection.channel->peer() == provider)
+        for (Connection &connection : m_connections) {
+            // A process that calls itself has both ends; only the accepted one is being served.
+            const bool wrong_end = provider == m_processId && connection.server.joinable();
+            if (!connection.ended && !wrong_end && connection.channel->peer() == provider)
                 return connection.channel;
+        }
     }
     return connect_to(provider);
 }
