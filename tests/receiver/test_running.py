@@ -2,10 +2,13 @@
 import random
 import re
 import signal
+import socket
+import subprocess
 import time
 
 import kit_path  # noqa: F401
-from receiver_kit import MAGIC, ReceiverTest, all_bodies, main, request, syslog
+from receiver_kit import (BUILD, MAGIC, OKAY, ReceiverTest, all_bodies, main, request, syslog,
+                          wait_for)
 
 BAD_OPTIONS = [
     (["--nonsense"], "--nonsense"), (["--port", "65536"], "--port"), (["--port", "x"], "--port"),
@@ -49,6 +52,24 @@ class Running(ReceiverTest):
                 status, out, err = self.run_tool("ruv_receiver", *words)
                 self.assertEqual((status, out), (1, ""))
                 self.assertTrue(err.startswith("ruv_receiver: "), err)
+
+    def test_closed_standard_descriptors(self):
+        """No socket takes the place of standard output, and events do not come back as answers."""
+        saved = self.folder / "saved"
+        shell = f'"$0" --port 0 --count 1 --save "{saved}" <&- >&- 2>"{self.folder}/said"'
+        process = subprocess.Popen(["sh", "-c", f"exec {shell}", BUILD / "bin/ruv_receiver"])
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        said = self.folder / "said"
+        wait_for(lambda: said.exists() and said.read_text().endswith("\n"), "the port")
+        port = int(said.read_text().split()[-1])
+        with socket.create_connection(("127.0.0.1", port), 60) as client:
+            client.sendall(request(0) + syslog(b"one"))
+            answer = b""
+            while piece := client.recv(4096):
+                answer += piece
+        self.assertEqual((process.wait(60), answer), (0, OKAY))
+        self.assertEqual(saved.read_bytes(), request(0) + syslog(b"one"))
 
     def test_a_taken_port(self):
         receiver = self.receiver()
@@ -98,7 +119,6 @@ class Running(ReceiverTest):
         self.assertEqual(receiver.totals()["connections"], 2)
 
     def test_ipv6_loopback(self):
-        import socket
         try:
             socket.create_server(("::1", 0), family=socket.AF_INET6).close()
         except OSError:

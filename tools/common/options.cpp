@@ -1,5 +1,8 @@
 #include "tools/common/options.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -95,6 +98,14 @@ option_row number_row(const char *name, const char *argument, int64_t low, int64
                       int64_t *target, const char *help) {
     return {name, argument, help,
             [=](const char *text) { return parse_number(text, low, high, target); }};
+}
+
+void open_standard_descriptors() {
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= 2);
+    if (fd > 2) close(fd);
 }
 
 std::vector<std::string> split(std::string_view text, char separator) {

@@ -54,6 +54,10 @@ option_row text_row(const char *name, const char *argument, std::string *target,
 option_row number_row(const char *name, const char *argument, int64_t low, int64_t high,
                       int64_t *target, const char *help);
 
+/** Opens what is closed of the descriptors 0 to 2, so that no socket takes their place and gets
+ * what is meant for standard output. */
+void open_standard_descriptors();
+
 /** Splits at each separator; empty pieces are kept. */
 std::vector<std::string> split(std::string_view text, char separator);
 

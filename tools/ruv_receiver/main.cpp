@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/common/options.h"
 #include "tools/ruv_receiver/server.h"
 
 namespace {
@@ -86,6 +87,7 @@ int serve(const settings &chosen, const catalogue &custom, event_log &log) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    tools::open_standard_descriptors();
     settings chosen = read_command_line(argc, argv);
     catalogue custom;
     if (chosen.offers_catalogue) {

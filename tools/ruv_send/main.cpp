@@ -132,6 +132,7 @@ void send_input(const settings &chosen, session &run, pacer &pace) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    tools::open_standard_descriptors();
     settings chosen = read_command_line(argc, argv);
     session run(chosen);
     if (!run.open()) return 1;
