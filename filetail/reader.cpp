@@ -38,6 +38,21 @@ struct close_stream {
     void operator()(FILE *stream) const { fclose(stream); }
 };
 
+/// Closes its descriptor at the end of its life.
+class owned_descriptor {
+  public:
+    explicit owned_descriptor(int fd) : fd_(fd) {}
+    ~owned_descriptor() {
+        if (fd_ >= 0) close(fd_);
+    }
+    owned_descriptor(const owned_descriptor &) = delete;
+    owned_descriptor &operator=(const owned_descriptor &) = delete;
+    int get() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
 /// What a worker keeps from file to file.
 struct reading_desk {
     std::wstring word;  ///< the delimiter word of `delim`
@@ -243,8 +258,8 @@ void read_open_file(reading *r, const delimiter *delim, int throttle) {
     r->file->at_end = 0;
     forget_text(&desk.window);
     read_batches(r, delim, throttle);
-    const bool refused = desk.window.error != 0;
-    if (r->file->at_end && (refused || desk.window.length >= kDryBytes)) {
+    const size_t unfinished = bytes_at_hand(desk.window, r->file->l);
+    if (r->file->at_end && (desk.window.error != 0 || unfinished >= kDryBytes)) {
         note_dry(&desk.notes, status, r->file->l);
     }
     if (desk.window.room > kKeptBufferBytes) desk.window = read_window();
@@ -255,8 +270,8 @@ void read_open_file(reading *r, const delimiter *delim, int throttle) {
 read_outcome read_file(fdesc *file, int throttle) {
     plugin *p = file->p->p;
     const delimiter *delim = plugin_delimiter(p);
-    const int fd = open_tailed(tail_path(file));
-    if (fd < 0) {
+    const owned_descriptor fd(open_tailed(tail_path(file)));
+    if (fd.get() < 0) {
         const int error = errno;
         if (may_complain(&desk.notes, tail_path(file))) {
             logger(kLogError, "Error: Reading file %s : (%d)%s", tail_path(file), error,
@@ -264,9 +279,8 @@ read_outcome read_file(fdesc *file, int throttle) {
         }
         return {0, true};
     }
-    reading r{file, p, fd, nullptr, 0, false};
+    reading r{file, p, fd.get(), nullptr, 0, false};
     if (delim != nullptr) read_open_file(&r, delim, throttle);
-    close(fd);
     return {r.handled, false};
 }
 

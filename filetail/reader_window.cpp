@@ -31,15 +31,9 @@ bool make_room(read_window *window, uint64_t position, size_t wanted) {
     return true;
 }
 
-/// Bytes at hand at `position`.
-size_t at_hand(const read_window &window, uint64_t position) {
-    if (position < window.offset || position > window.offset + window.length) return 0;
-    return static_cast<size_t>(window.offset + window.length - position);
-}
-
 /// Reads until `wanted` bytes are at hand or the file ends. Returns false on an error.
 bool fill(read_window *window, int fd, const batch_request &request, size_t wanted) {
-    const size_t ready = at_hand(*window, request.position);
+    const size_t ready = bytes_at_hand(*window, request.position);
     if (ready >= wanted || (ready > 0 && window->at_end)) return true;
     if (!make_room(window, request.position, std::max(wanted, request.read_ahead))) return false;
     while (window->length < wanted && !window->at_end) {
@@ -56,12 +50,20 @@ bool fill(read_window *window, int fd, const batch_request &request, size_t want
 
 }  // namespace
 
+size_t bytes_at_hand(const read_window &window, uint64_t position) {
+    if (position < window.offset || position > window.offset + window.length) return 0;
+    return static_cast<size_t>(window.offset + window.length - position);
+}
+
 int read_batch(read_window *window, int fd, const batch_request &request) {
     cut_progress progress{};
     window->error = 0;
     for (size_t wanted = request.first_bytes;; wanted = std::min(wanted * 2, kLongestEventBytes)) {
-        if (!fill(window, fd, request, wanted)) return -1;
-        const size_t ready = at_hand(*window, request.position);
+        if (!fill(window, fd, request, wanted)) {
+            forget_text(window);
+            return -1;
+        }
+        const size_t ready = bytes_at_hand(*window, request.position);
         if (ready == 0) return -1;
         const size_t length = request.all_at_hand ? ready : std::min(ready, wanted);
         const bool more = ready >= wanted;

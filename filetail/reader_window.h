@@ -44,6 +44,9 @@ struct batch_request {
  */
 int read_batch(read_window *window, int fd, const batch_request &request);
 
+/** How much of the file's text from `position` on is in the window. */
+size_t bytes_at_hand(const read_window &window, uint64_t position);
+
 /** The text at a place in the file that the last batch looked at. */
 inline char *window_text(read_window *window, uint64_t place) {
     return window->buffer.get() + (place - window->offset);

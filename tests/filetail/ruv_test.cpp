@@ -337,7 +337,9 @@ TEST_F(Ruv, LegacyTlsIsWarnedOfOnce) {
         ruv_init(&conf);
         ruv_teardown(&conf);
         ruv_init(&conf);
-        EXPECT_LE(count_of(log.text(), "Legacy TLS is in use"), 1u);
+        static bool said = false;  // once in the life of the process, also when tests are repeated
+        EXPECT_EQ(count_of(log.text(), ":(WARN) Legacy TLS is in use"), said ? 0u : 1u);
+        said = true;
     }
     ruv_teardown(&conf);
     conf.rec_tls_min = wide("1.2");
