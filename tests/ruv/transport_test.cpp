@@ -411,6 +411,25 @@ TEST(Connect, TriesAgainOnlyForEagain) {
     EXPECT_EQ(conn->skt, -1);
 }
 
+TEST(Connect, AnInterruptEndsThePauseBetweenTries) {
+    const fake_os os;
+    conn_ptr conn = make_conn(1);
+    RUVSetInterrupt(conn.get(), stop_at_once, nullptr);
+    ruv::os.connect = connect_with<EAGAIN>;
+    clear_error();
+    EXPECT_EQ(libruv_connect(conn.get(), 0), -1);
+    EXPECT_EQ(ruverrno, 3);
+    EXPECT_EQ(ruverrno2, EINTR);
+    EXPECT_EQ(g_connects, 1);
+    EXPECT_EQ(conn->skt, -1);
+}
+
+TEST(Pause, LastsAsLongAsAsked) {
+    const int64_t start = ruv::now_ms();
+    ruv::os.sleep_ms(30);
+    EXPECT_GE(ruv::now_ms() - start, 29);
+}
+
 TEST(Connect, ARefusalIsReportedWithItsErrno) {
     int port = 0;
     {
