@@ -117,16 +117,17 @@ TEST_F(Send, ChannelIsAskedForOnce) {
 // Whether auto-learning is on or off, the Receiver is never asked whether it knows the source.
 TEST_F(Send, SourceIsNeverAnnounced) {
     fake::receiver receiver(fake::serve());
+    const std::string once = request(0) + request(2) + kAskIPv4 + syslog_unit("abc", 7);
+    std::string expected;
     for (const bool learning : {false, true}) {
         const auto conn = connect_to(receiver);
         EXPECT_EQ(0, learning ? RUVEnableAutoLearn(conn.get()) : 0);
         const auto record = syslog(conn.get(), "abc");
         RUVDSInfo source = kit::ipv4_source();
         EXPECT_EQ(27, RUVSendData(conn.get(), record.get(), &source));
+        expected += once;
+        EXPECT_EQ(expected, receiver.wait_received(expected.size()));
     }
-    const std::string once =
-        std::string(request(0) + request(2)) + kAskIPv4 + syslog_unit("abc", 7);
-    EXPECT_EQ(once + once, receiver.wait_received(2 * once.size()));
 }
 
 TEST_F(Send, ChannelIdsOutside16Bits) {
@@ -219,14 +220,14 @@ TEST_F(Send, LostConnectionIsOpenedAnewAndTheRecordSentAgain) {
     const auto conn = connect_to(receiver);
     const auto record = syslog(conn.get(), "abc");
     RUVDSInfo source = kit::ipv4_source();
+    const std::string once = request(0) + request(2) + kAskIPv4 + syslog_unit("abc", 7);
     ASSERT_EQ(27, RUVSendData(conn.get(), record.get(), &source));
+    ASSERT_EQ(once, receiver.wait_received(once.size()));
     break_writing(conn.get());
     EXPECT_EQ(27, RUVSendData(conn.get(), record.get(), &source));
     EXPECT_EQ(2, receiver.connections());
     EXPECT_EQ(std::vector<int>{5000}, pauses);
     // The channel belongs to the connection: it is asked for again.
-    const std::string once =
-        std::string(request(0) + request(2)) + kAskIPv4 + syslog_unit("abc", 7);
     EXPECT_EQ(once + once, receiver.wait_received(2 * once.size()));
 }
 
