@@ -47,7 +47,7 @@ __extension__ extern __thread int ruverrno4;
  * @param ruv_ver_req  protocol generation: 0 any, 1 up to 5, 2 version 6
  * @return the handle, which the caller frees with RUVFreeConn(), or NULL: error 2 (arg #1 to #5),
  *         1 no memory, 5 library not initialised, 10 resolver, 4 no answer from the resolver.
- * Blocks up to about 30 s while the resolver asks to try again. */
+ * Blocks for the resolver, and up to about 25 s more while it asks to try again. */
 RUVConn *RUVAllocConn(const char *host, int port, int ipv4_or_v6, int force_ssl, int ruv_ver_req);
 
 /** Connects, finds out what the Receiver speaks, and learns its data types and custom fields.

@@ -224,6 +224,34 @@ TEST(Tls, ALargeTransferArrivesWhole) {
     EXPECT_TRUE(got == first + second);
 }
 
+TEST(Tls, ThreadsShareTheContextAndNoErrors) {
+    tls::server_log log;
+    const tls::identity &self = ids().stranger;
+    fake::receiver r(tls::over_tls(serving(self), &log, fake::serve()));
+    std::vector<std::thread> threads;
+    for (int number = 1; number <= 4; ++number) {
+        threads.emplace_back([&r, number] {
+            for (int round = 0; round < 5; ++round) {
+                conn_ptr conn = open_tls(r.port(), 1);
+                uint16_t major = 0, minor, dot;
+                char patch[2];
+                uint64_t build;
+                EXPECT_EQ(RUVGetReceiverVer(conn.get(), &major, &minor, &dot, patch, &build), 0);
+                EXPECT_EQ(major, 11);
+                // Each thread fails in its own way and finds its own code.
+                RUVAllocConn("::1", 1, number == 1 ? 3 : 0, number == 2 ? 3 : 0,
+                             number >= 3 ? 3 : 0);
+                const int argument = ruverrno2;
+                RUVClose(conn.get());
+                EXPECT_EQ(RUVEnableSSL(conn.get()), -1);
+                EXPECT_EQ(ruverrno, 22);
+                EXPECT_EQ(argument, number == 1 ? 3 : number == 2 ? 4 : 5);
+            }
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+}
+
 // ---- RUVSetTLSOptions.
 
 struct wanted {
