@@ -1,6 +1,7 @@
 #include "core/lifecycle.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 
 #include "config/conf.h"
@@ -118,9 +120,13 @@ void signal_handler(int signum) {
 }
 
 void occupy_standard_streams() {
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    pollfd streams[] = {{STDIN_FILENO, 0, 0}, {STDOUT_FILENO, 0, 0}, {STDERR_FILENO, 0, 0}};
+    // One call tells them all. It is also the first that may block, made before any signal counts:
+    // the thread sanitizer loses a signal that arrives while it prepares a thread's first one.
+    if (poll(streams, std::size(streams), 0) < 0) return;
+    for (const pollfd &stream : streams) {
         // The lowest free descriptor is the one that was found closed.
-        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) return;
+        if ((stream.revents & POLLNVAL) && open("/dev/null", O_RDWR) < 0) return;
     }
 }
 
