@@ -22,8 +22,9 @@ std::nullptr_t refuse_object(const wchar_t *why) {
 }
 
 LPCFactory *LPCFactory::instance() {
-    static LPCFactory factory;
-    return &factory;
+    // Never destroyed: the factories live until the process ends, and so does their registry.
+    static LPCFactory *const factory = new LPCFactory;
+    return factory;
 }
 
 void LPCFactory::configure(const std::string &processId) {
@@ -40,7 +41,9 @@ bool LPCFactory::registerInterface(const std::string &interfaceId, ILPCFactory *
                                    bool servant) {
     std::lock_guard guard(m_guard);
     ClientServantPair &pair = m_registry[interfaceId];
-    (servant ? pair.servant : pair.client) = factory;
+    ILPCFactory *&place = servant ? pair.servant : pair.client;
+    if (place) m_replaced.push_back(place);
+    place = factory;
     return true;
 }
 

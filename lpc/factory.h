@@ -1,5 +1,5 @@
-// Which classes make an interface's objects in this process: per identifier one factory for client
-// proxies and one for in-process adaptors.
+// Which classes make an interface's objects: per identifier a factory for client proxies and one
+// for in-process adaptors.
 #pragma once
 
 #include <map>
@@ -7,6 +7,7 @@
 #include <new>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "lpc/interface.h"
 #include "lpc/logger.h"
@@ -48,7 +49,7 @@ class StdFactory2 : public ILPCFactory {  // makes in-process adaptors
     }
 };
 
-/// Both null until registered; the factories are never deleted.
+/// Null until registered; the factories are never deleted.
 struct ClientServantPair {
     ILPCFactory *client = nullptr;
     ILPCFactory *servant = nullptr;
@@ -71,9 +72,9 @@ class LPCFactory {
   private:
     ILPCInterface *createInProcess(ILPCFactory *factory, const char *interfaceId,
                                    const char *provider);
-
     std::map<std::string, ClientServantPair> m_registry;
     std::string m_processIdentifier;
+    std::vector<ILPCFactory *> m_replaced;  ///< may still be at work
     std::mutex m_guard;  ///< registration is over when others read, except after a reload
 };
 

@@ -12,6 +12,10 @@
 #include "core/restart.h"
 #include "core/siemcollector_log.h"
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
 int restarts = 0;
 
 void restart_collector() {
@@ -37,6 +41,18 @@ int count_of(const std::string &log, const std::string &text) {
     for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) count++;
     return count;
 }
+
+#ifdef __SANITIZE_ADDRESS__
+LeaksAllowed::LeaksAllowed() {
+    __lsan_disable();
+}
+LeaksAllowed::~LeaksAllowed() {
+    __lsan_enable();
+}
+#else
+LeaksAllowed::LeaksAllowed() = default;
+LeaksAllowed::~LeaksAllowed() = default;
+#endif
 
 ConfigFile::ConfigFile(const std::string &text) : m_before(g_args.conf_file) {
     std::string pattern = (std::filesystem::temp_directory_path() / "bridge-XXXXXX").string();

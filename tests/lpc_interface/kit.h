@@ -14,6 +14,15 @@ std::string logged(const std::function<void()> &act);
 /// Number of times that `text` stands in `log`.
 int count_of(const std::string &log, const std::string &text);
 
+/// While one exists, what is allocated may be leaked.
+class LeaksAllowed {
+  public:
+    LeaksAllowed();
+    ~LeaksAllowed();
+    LeaksAllowed(const LeaksAllowed &) = delete;
+    LeaksAllowed &operator=(const LeaksAllowed &) = delete;
+};
+
 /// A folder with a configuration file that g_args names; both go with it.
 class ConfigFile {
   public:

@@ -13,28 +13,7 @@
 #include "lpc_interface/lpc_interface.h"
 #include "tests/lpc_interface/kit.h"
 
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/lsan_interface.h>
-#endif
-
 namespace {
-
-// While one exists, what is allocated may be leaked.
-struct LeaksAllowed {
-#ifdef __SANITIZE_ADDRESS__
-    LeaksAllowed() {
-        __lsan_disable();
-    }
-    ~LeaksAllowed() {
-        __lsan_enable();
-    }
-#else
-    LeaksAllowed() {
-    }
-    ~LeaksAllowed() {
-    }
-#endif
-};
 
 TEST(Bridge, WithoutAnAgentItSaysSo) {
     if (std::filesystem::exists(velmor_com::NQ::LPC::kAgentConfigFile))
