@@ -16,7 +16,8 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
-from daemon_kit import BUILD, Daemon, DaemonTest, Receiver, text_of, wait_for  # noqa: E402
+from daemon_kit import (Daemon, DaemonTest, Receiver, preloadable, text_of,  # noqa: E402
+                        wait_for)
 
 EVENT = re.compile(r"(\S+) (\d{7}) (x*)#([0-9a-f]{8}) ?$")
 SCALE = 300  # the 300 s between two attempts to connect become one
@@ -199,7 +200,8 @@ class Lab(DaemonTest):
         return Daemon(self, **options)
 
     def fault_environment(self, call, at, count=1, error=5, path=""):
-        preload = f"{BUILD / 'tests/libcall_shim.so'}:{BUILD / 'tests/libtime_shim.so'}"
+        preload = ":".join(str(preloadable(self.folder, name))
+                           for name in ("libcall_shim.so", "libtime_shim.so"))
         return {"LD_PRELOAD": preload, "COLLECTOR_TIME_SCALE": str(SCALE),
                 "COLLECTOR_FAULT_CALL": call, "COLLECTOR_FAULT_AT": str(at),
                 "COLLECTOR_FAULT_COUNT": str(count), "COLLECTOR_FAULT_ERRNO": str(error),

@@ -84,6 +84,14 @@ def private_command(folder):
     return namespace() + ["sh", "-c", PRIVATE_PATHS, "sh", str(folder)]
 
 
+def preloadable(folder, name):
+    """A library of the tests under a path that LD_PRELOAD takes: it splits at blanks."""
+    link = Path(folder) / name
+    if not link.exists():
+        link.symlink_to(BUILD / "tests" / name)
+    return link
+
+
 def wait_for(condition, what, budget=BUDGET_SECONDS):
     """Polls until the condition gives something true, and returns that."""
     end = time.monotonic() + budget
@@ -189,7 +197,7 @@ class Daemon:
         command += [str(a) for a in args]
         preload = []
         if scale:
-            preload = ["env", f"LD_PRELOAD={BUILD / 'tests/libtime_shim.so'}",
+            preload = ["env", f"LD_PRELOAD={preloadable(rig.folder, 'libtime_shim.so')}",
                        f"COLLECTOR_TIME_SCALE={scale}"]
         environment.update(env or {})
         self.out, self.err = rig.folder / "daemon.out", rig.folder / "daemon.err"

@@ -2,6 +2,7 @@
 import os
 import subprocess
 import sys
+import tempfile
 import time
 
 # Every probe runs in a process of its own, because the library reads its variables once.
@@ -74,5 +75,8 @@ def remaining_time_is_in_callers_units(library):
 
 if __name__ == "__main__":
     start = time.monotonic()
-    globals()[sys.argv[2]](sys.argv[1])
+    # LD_PRELOAD splits at blanks, and the tree may stand anywhere.
+    with tempfile.TemporaryDirectory() as folder:
+        os.symlink(sys.argv[1], os.path.join(folder, "shim.so"))
+        globals()[sys.argv[2]](os.path.join(folder, "shim.so"))
     print(f"{sys.argv[2]}: ok after {time.monotonic() - start:.1f} s")
