@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <string>
 #include <string_view>
 
 #include "core/utils.h"
@@ -29,7 +30,6 @@ constexpr off_t kLargestLogBytes = 10'485'759;
 constexpr size_t kCommandBytes = 512;
 constexpr size_t kUsualLineBytes = 2048;
 constexpr size_t kStampBytes = 25;
-constexpr int64_t kMaskedCheckMilliseconds = 10;
 
 struct level_word {
     const wchar_t *upper, *lower;
@@ -46,13 +46,12 @@ std::atomic<int32_t> log_to_file{0};
 
 std::mutex line_lock;  // held while one line is written
 
-// What the trimming needs. `path_set` mirrors mbs_log_path for the message that is masked out.
+// What the trimming needs. `path_set` mirrors mbs_log_path, for messages to the console.
 std::mutex path_lock;
 wchar_t *log_path;
 char *mbs_log_path;
 bool reopen_failed;
 std::atomic<bool> path_set{false};
-std::atomic<int64_t> last_masked_check{0};
 
 const level_word *find_level_word(const wchar_t *word) {
     if (!word) return nullptr;
@@ -220,26 +219,25 @@ void run_in_shell(const char *command) {
     posix_spawnattr_destroy(&attributes);
 }
 
+// The shell writes through whatever stands there: a link would lead it to another file, and a FIFO
+// would never let it end.
+bool safe_to_overwrite(const std::string &path) {
+    struct stat info;
+    if (lstat(path.c_str(), &info) != 0) return errno == ENOENT;
+    return S_ISREG(info.st_mode) && info.st_nlink == 1;
+}
+
 // Kept: the first 1000 lines are dropped and then the file is emptied by opening it anew, so the
 // shell's work is lost; the sequence is what reaching the limit has always meant.
 void trim(const char *path) {
     char command[kCommandBytes];
     const int length = snprintf(command, sizeof command, "sed '1,1000d' %s > %s.tmp; mv %s.tmp %s",
                                 path, path, path, path);
-    if (length < static_cast<int>(sizeof command) && safe_in_shell(path)) run_in_shell(command);
-    reopen_failed = !reopen_log(path);
-}
-
-void check_after_masked_message() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    const int64_t milliseconds = now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
-    if (milliseconds - last_masked_check.load(std::memory_order_relaxed) <
-        kMaskedCheckMilliseconds) {
-        return;
+    if (length < static_cast<int>(sizeof command) && safe_in_shell(path) &&
+        safe_to_overwrite(std::string(path) + ".tmp")) {
+        run_in_shell(command);
     }
-    last_masked_check.store(milliseconds, std::memory_order_relaxed);
-    check_file_size();
+    reopen_failed = !reopen_log(path);
 }
 
 void forget_path() {
@@ -279,7 +277,7 @@ void logger_init(uint64_t level, const wchar_t *log, int log_file) {
 
 void logger(uint64_t level, const char *format, ...) {
     if (!log_enabled(level)) {
-        if (path_set.load(std::memory_order_relaxed)) check_after_masked_message();
+        check_file_size();
         return;
     }
     const int saved_errno = errno;

@@ -21,8 +21,8 @@ enum : uint64_t { kLogError = 1, kLogInfo = 2, kLogWarn = 4, kLogDebug = 8, kLog
 void logger_init(uint64_t level, const wchar_t *log, int log_file);
 
 /// Writes one message when its level is in the mask: time stamp, level name, text and a line feed.
-/// A message that is masked out costs a few nanoseconds; use log_enabled() before work that only
-/// serves a message.
+/// A message that is masked out still costs a look at the size of the log file; ask log_enabled()
+/// first where every event passes, and before work that only serves a message.
 void logger(uint64_t level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 /// Returns whether a message of this level would be written.
@@ -44,8 +44,8 @@ void lpc_log(int logLevel, const wchar_t *pmessage);
 /// Returns the local time as "%b %d %H:%M:%S %Y" in a new 25-byte string that the caller frees.
 char *get_time();
 
-/// Empties the log file when it has reached 10 MiB. logger() calls it after every message; a
-/// message that is masked out does so at most once in 10 ms.
+/// Empties the log file when it has reached 10 MiB. logger() calls it after every message, also
+/// after one that is masked out.
 void check_file_size();
 
 /// Flushes standard error and forgets the log path. Later messages are still written.
