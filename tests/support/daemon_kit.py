@@ -136,6 +136,8 @@ class Receiver:
 
     def _read(self):
         for line in self.process.stdout:
+            if not line.endswith(b"\n"):
+                break  # a killed Receiver leaves half a line
             record = json.loads(line)
             with self._changed:
                 (self.events if "record" in record else self.notes).append(record)
