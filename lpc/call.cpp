@@ -136,7 +136,7 @@ void CallDescriptor::append(Parameter *parameter) {
 
 Parameter *CallDescriptor::take() {
     size_t size = 0;
-    if (!m_connector->nextSize(&size) || size > Parameter::kMaxBytes)
+    if (!m_connector->nextSize(&size) || size == 0 || size > Parameter::kMaxBytes)
         mapErrorAndThrowException(ecProtocolError);
     std::vector<char> bytes(size);
     if (!m_connector->read(bytes.data(), size)) mapErrorAndThrowException(ecCommunicationError);

@@ -57,7 +57,7 @@ Parameter::Parameter(ILPCInterface *object, Param_Type type) : m_type(type) {
 }
 
 Parameter::Parameter(const void *bytes, size_t size) : m_type(ptArgument) {
-    if (size > kMaxBytes || size % sizeof(wchar_t) != 0)
+    if (size == 0 || size > kMaxBytes || size % sizeof(wchar_t) != 0)
         throw SerializationError("Error occured during deserialization");
     std::wstring text(size / sizeof(wchar_t), L'\0');
     memcpy(text.data(), bytes, size);

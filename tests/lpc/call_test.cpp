@@ -58,6 +58,9 @@ TEST(Call, RolesMustFit) {
     EXPECT_THROW(call >> number, LPCError);
     MemoryConnector empty = incoming({});
     EXPECT_THROW(CallDescriptor none(&empty), LPCError);
+    MemoryConnector no_bytes = incoming(kNames);
+    no_bytes.in.front().clear();
+    EXPECT_THROW(CallDescriptor none(&no_bytes), LPCError);
     MemoryConnector long_name =
         incoming({L"3 300 " + std::wstring(300, L'x'), kNames[1], kNames[2]});
     EXPECT_THROW(CallDescriptor none(&long_name), LPCError);

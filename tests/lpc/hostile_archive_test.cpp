@@ -101,6 +101,7 @@ TEST(HostileArchive, ManyEntriesAreRefused) {
 TEST(HostileArchive, BlocksOfTheWrongSizeAreRefused) {
     const std::string bytes = wire_bytes(std::wstring(kHeader) + L"2 7");
     EXPECT_THROW(new Parameter(bytes.data(), bytes.size() - 1), LPCError);
+    EXPECT_THROW(new Parameter(nullptr, 0), LPCError);
     const std::string large(Parameter::kMaxBytes + sizeof(wchar_t), ' ');
     EXPECT_THROW(new Parameter(large.data(), large.size()), LPCError);
 }

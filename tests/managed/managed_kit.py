@@ -36,7 +36,8 @@ class ManagedTest(DaemonTest):
         target.write_bytes((self.agent / "config.xml").read_bytes())
 
     def command(self, name, *options):
-        return [str(AGENT), name, "--dir", str(self.agent), *map(str, options)]
+        return [str(AGENT), name, "--dir", str(self.agent), "--wait", str(BUDGET_SECONDS * 2),
+                *map(str, options)]
 
     def ask(self, name, *options, status=0):
         """Runs a command of the agent; returns its JSON objects."""

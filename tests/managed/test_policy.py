@@ -217,12 +217,13 @@ class Concurrent(ManagedTest):
         self.assertEqual(daemon.log().count("Calling shutdown on plugin: 0"), pushes + 1)
 
     def write_events(self, done):
-        """Some thousands a second, in small pieces, until told to stop."""
+        """Some thousands a second, in small pieces, until told to stop. Where the pushes take long
+        it slows down, so that what is to be delivered stays within reason."""
         self.written = 0
         while not done.is_set():
             self.write("a.log", self.numbered(self.written + 1, self.written + 100))
             self.written += 100
-            time.sleep(0.02)
+            time.sleep(0.02 if self.written < 60000 else 0.5)
 
     def test_two_policies_at_once_do_not_overlap(self):
         receiver = self.receiver()
@@ -270,7 +271,7 @@ class Concurrent(ManagedTest):
         for pause in (0.0, 0.01, 0.05, 0.1):
             daemon = self.start()
             daemon.wait_log("Started policy enforcement service")
-            pushing = self.begin_push(policies[0], "--policy", policies[1], "--count", 1000)
+            pushing = self.begin_push(policies[0], "--policy", policies[1], "--count", 100000)
             daemon.wait_log("Enforce Policy called")
             time.sleep(pause)
             daemon.stop(signal.SIGTERM)
@@ -286,7 +287,7 @@ class Concurrent(ManagedTest):
         for round_number in range(6):
             daemon = self.start()
             daemon.wait_log("Started policy enforcement service")
-            pushing = self.begin_push(policies[0], "--policy", policies[1], "--count", 1000)
+            pushing = self.begin_push(policies[0], "--policy", policies[1], "--count", 100000)
             daemon.wait_log("Updating local configuration", 3)
             if round_number % 2:
                 pushing.kill()
