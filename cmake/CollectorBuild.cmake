@@ -50,12 +50,40 @@ elseif(COLLECTOR_SANITIZE STREQUAL "thread")
     add_link_options(-fsanitize=thread)
 else()
     # A collector reads what anyone may write: every binary carries the hardening that costs
-    # next to nothing at run time.
-    add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection=full
-        $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
-    add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+    # next to nothing at run time, as far as the compiler knows it. What it knows is what
+    # tests/hardening then looks for in the binaries.
+    include(CheckCXXCompilerFlag)
+    include(CheckLinkerFlag)
     include(CheckPIESupported)
-    check_pie_supported()
+    set(COLLECTOR_HARDENING)
+    foreach(row "canaries -fstack-protector-strong" "clash -fstack-clash-protection"
+            "cet -fcf-protection=full")
+        string(REPLACE " " ";" row ${row})
+        list(POP_FRONT row property flag)
+        check_cxx_compiler_flag(${flag} COLLECTOR_FLAG_${property})
+        if(COLLECTOR_FLAG_${property})
+            add_compile_options(${flag})
+            list(APPEND COLLECTOR_HARDENING ${property})
+        endif()
+    endforeach()
+    # No trace of it is left in a binary that could be looked for.
+    list(REMOVE_ITEM COLLECTOR_HARDENING clash)
+    # The marks of the other architectures' schemes are not the ones looked for.
+    if(NOT CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+        list(REMOVE_ITEM COLLECTOR_HARDENING cet)
+    endif()
+    add_compile_options($<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+    list(APPEND COLLECTOR_HARDENING fortify)
+    set(hardened_link -Wl,-z,relro,-z,now,-z,noexecstack)
+    check_linker_flag(CXX ${hardened_link} COLLECTOR_FLAG_link)
+    if(COLLECTOR_FLAG_link)
+        add_link_options(${hardened_link})
+        list(APPEND COLLECTOR_HARDENING relro now noexecstack)
+    endif()
+    check_pie_supported(LANGUAGES C CXX)
+    if(CMAKE_CXX_LINK_PIE_SUPPORTED)
+        list(APPEND COLLECTOR_HARDENING pie)
+    endif()
 endif()
 
 # collector_test(NAME SOURCES a.cpp ... LIBRARIES x y [LABELS ...] [TIMEOUT s] [LOCK resource]
