@@ -233,10 +233,13 @@ int libruv_request_custom_fields(RUVConn *conn) {
     if (libruv_ask(conn, kGetCustomFieldFile, 0, 0) != 0 ||
         libruv_read_exact(conn, &size, sizeof size) != 0)
         return -1;
-    if (size < 0 || size > kLargestFile) return fail(1);
+    const bool fits = size >= 0 && size <= kLargestFile;
     const std::unique_ptr<char, free_memory> text(
-        static_cast<char *>(malloc(static_cast<size_t>(size) + 1)));
-    if (!text) return fail(1);
+        fits ? static_cast<char *>(malloc(static_cast<size_t>(size) + 1)) : nullptr);
+    if (!text) {
+        libruv_free_catalogue(&conn->cfi);
+        return fail(1);
+    }
     if (libruv_read_exact(conn, text.get(), static_cast<size_t>(size)) != 0) return -1;
     text.get()[size] = 0;
     return libruv_load_catalogue(&conn->cfi, text.get());

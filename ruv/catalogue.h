@@ -30,7 +30,7 @@ enum custom_field_type : int {
 };
 
 /// Downloads the field-definition file and replaces the catalogue. @return 0, or -1 with a
-/// transfer error, 13, or 1 (no memory, or a size outside 0 to 16 MiB).
+/// transfer error, 13, or 1 and an empty catalogue (no memory, or a size outside 0 to 16 MiB).
 int libruv_request_custom_fields(RUVConn *conn);
 
 /// Parses the zero-terminated `text` (cut up in place) and replaces the catalogue. @return 0, or

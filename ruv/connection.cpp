@@ -1,11 +1,13 @@
-#include "ruv/connection.h"
-
+// The life of a connection handle: allocating, opening, turning TLS on, closing and freeing it, and
+// the settings that are additions (interrupt, TLS options, peer check).
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "ruv/catalogue.h"
 #include "ruv/channel.h"
+#include "ruv/conn.h"
+#include "ruv/error.h"
 #include "ruv/group.h"
 #include "ruv/request.h"
 #include "ruv/trace.h"
@@ -61,7 +63,7 @@ probe probe_once(RUVConn *conn, int ssl_on, int64_t *budget_ms) {
         return ssl_on && ruverrno == 19 && !conn->tls_opted ? probe::silent : probe::failed;
     if (libruv_send_rqstinfo(conn, kNop, 0, 0) < 0) return probe::failed;
     const probe result = await_answer(conn, budget_ms);
-    if (result == probe::silent) libruv_close(conn);
+    if (result == probe::silent) RUVClose(conn);
     return result;
 }
 
@@ -145,7 +147,7 @@ int enable_ssl(RUVConn *conn) {
     if (libruv_ask(conn, kReqSSL, 0, 0) != 0) return -1;
     if (libruv_ssl_connect(conn) != 0) {
         // After a failed handshake nothing may follow in plain text.
-        if (conn->tls_opted) libruv_close(conn);
+        if (conn->tls_opted) RUVClose(conn);
         return -1;
     }
     conn->force_ssl = kSslRequest;
@@ -162,7 +164,7 @@ int establish(RUVConn *conn) {
         if (libruv_connect(conn, conn->force_ssl) != 0) return -1;
     }
     if (check_encryption(conn) != 0) return -1;
-    if (conn->force_ssl == kSslRequest && enable_ssl(conn) != 0) return -1;
+    if (conn->force_ssl == kSslRequest && RUVEnableSSL(conn) != 0) return -1;
     if (conn->ruv_ver == kUpTo5)
         assume_versions_up_to_5(conn);
     else if (learn_versions(conn) != 0)
@@ -185,9 +187,23 @@ int check_arguments(const char *host, int port, int ipv4_or_v6, int force_ssl, i
     return 0;
 }
 
+// Closes the socket, if open, and drops what a group has queued.
+void close_conn(RUVConn *conn) {
+    libruv_disconnect(conn);
+    conn->group.open = 0;
+    conn->group.used = 0;
+}
+
+int open_conn(RUVConn *conn) {
+    if (conn->skt != -1) return fail(21);
+    if (establish(conn) == 0) return 0;
+    RUVClose(conn);
+    return -1;
+}
+
+// Frees an unconnected handle.
 void free_conn(RUVConn *conn) {
     const int saved = errno;
-    libruv_close(conn);
     libruv_free_channels(conn);
     libruv_free_catalogue(&conn->cfi);
     libruv_group_free(conn);
@@ -245,27 +261,13 @@ int set_tls_options(RUVConn *conn, const char *min_version, const char *ca_file,
 
 }  // namespace
 
-void libruv_close(RUVConn *conn) {
-    ruv::trace_point();
-    libruv_disconnect(conn);
-    conn->group.open = 0;
-    conn->group.used = 0;
-}
-
-int libruv_open(RUVConn *conn) {
-    if (conn->skt != -1) return fail(21);
-    if (establish(conn) == 0) return 0;
-    libruv_close(conn);
-    return -1;
-}
-
 RUVConn *RUVAllocConn(const char *host, int port, int ipv4_or_v6, int force_ssl, int ruv_ver_req) {
     return ruv::traced("RUVAllocConn",
                        [&] { return alloc_conn(host, port, ipv4_or_v6, force_ssl, ruv_ver_req); });
 }
 
 int RUVOpen(RUVConn *conn) {
-    return ruv::traced("RUVOpen", [&] { return conn ? libruv_open(conn) : fail(2, 1); });
+    return ruv::traced("RUVOpen", [&] { return conn ? open_conn(conn) : fail(2, 1); });
 }
 
 int RUVEnableSSL(RUVConn *conn) {
@@ -275,7 +277,7 @@ int RUVEnableSSL(RUVConn *conn) {
 void RUVClose(RUVConn *conn) {
     ruv::traced("RUVClose", [&] {
         if (!conn) return fail(2, 1);
-        libruv_close(conn);
+        close_conn(conn);
         return 0;
     });
 }
@@ -283,6 +285,7 @@ void RUVClose(RUVConn *conn) {
 void RUVFreeConn(RUVConn *conn) {
     ruv::traced("RUVFreeConn", [&] {
         if (!conn) return fail(2, 1);
+        RUVClose(conn);
         free_conn(conn);
         return 0;
     });

@@ -2,7 +2,6 @@
 #include <cstring>
 
 #include "ruv/channel.h"
-#include "ruv/connection.h"
 #include "ruv/transport_tls.h"
 #include "tests/ruv/link_kit.h"
 
@@ -315,6 +314,30 @@ TEST(Open, AnInterruptEndsTheProbeWithoutAGuess) {
     EXPECT_EQ(ruverrno2, EINTR);
     EXPECT_EQ(errno, EINTR);
     EXPECT_EQ(conn->ruv_ver, 0);
+}
+
+// A public function that another one runs has lines of its own.
+TEST(Open, TheLinesOfAFailedOpenNameEveryStep) {
+    fake::receiver r(fake::serve());
+    conn_ptr conn = make_conn(r.port(), 2);
+    ASSERT_EQ(RUVSetLogging(0), 0);
+    stderr_of([] { RUVSetLogging(0x01); });
+    const std::string text = stderr_of([&] {
+        EXPECT_EQ(RUVOpen(conn.get()), -1);
+        conn.reset();
+    });
+    stderr_of([] { RUVSetLogging(0); });
+    EXPECT_EQ(text,
+              "libruv -- function enter: RUVOpen\n"
+              "libruv -- function enter: RUVEnableSSL\n"
+              "libruv -- function error exit: RUVEnableSSL [13]\n"
+              "libruv -- function enter: RUVClose\n"
+              "libruv -- function exit: RUVClose\n"
+              "libruv -- function error exit: RUVOpen [13]\n"
+              "libruv -- function enter: RUVFreeConn\n"
+              "libruv -- function enter: RUVClose\n"
+              "libruv -- function exit: RUVClose\n"
+              "libruv -- function exit: RUVFreeConn\n");
 }
 
 TEST(Close, KeepsWhatWasLearned) {

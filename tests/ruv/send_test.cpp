@@ -357,6 +357,23 @@ TEST_F(Send, GroupKeepsItsRecordsWhenOneCannotBeEncoded) {
     EXPECT_EQ(syslog_unit("abc", 0) + request(0), after_opening(receiver.received()));
 }
 
+// The dump comes behind the check of what is required; the header was built before.
+TEST_F(Send, IncompleteRecordIsNeverPrinted) {
+    fake::receiver receiver(fake::serve());
+    const auto conn = connect_to(receiver);
+    for (int type = 1; type <= 4; ++type) {
+        const auto record = kit::make(type, 6, type < 3 ? 3 : 1);
+        ASSERT_EQ(0, RUVSetLogging(0x10));
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(-1, RUVSendData(conn.get(), record.get(), nullptr));
+        const std::string dump = testing::internal::GetCapturedStderr();
+        RUVSetLogging(0);
+        EXPECT_EQ(18, ruverrno);
+        EXPECT_EQ(0u, dump.find("RUV v6 Header:\n"));
+        EXPECT_EQ(std::string::npos, dump.find(" Data - Ctl:")) << dump;
+    }
+}
+
 TEST_F(Send, BytesAreTheSameWithAndWithoutDumps) {
     fake::receiver receiver(fake::serve());
     const auto conn = connect_to(receiver);
