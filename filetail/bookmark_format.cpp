@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 
 namespace {
@@ -45,11 +46,49 @@ void put_number(char *out, uint64_t value) {
     out[at - 1] = kPairs[value * 2 + 1];
 }
 
+// Eight bytes at once, and the same byte in each of them.
+uint64_t word_at(const char *bytes) {
+    uint64_t word;
+    std::memcpy(&word, bytes, sizeof(word));
+    return word;
+}
+constexpr uint64_t eight_of(unsigned char byte) {
+    return byte * uint64_t{0x0101010101010101};
+}
+
+bool are_digits(uint64_t word) {
+    const uint64_t high = eight_of(0xF0);
+    return (word & high) == eight_of('0') && ((word + eight_of(6)) & high) == eight_of('0');
+}
+
+// The value of eight digits, the first of them in the lowest byte: neighbours are joined to pairs,
+// pairs to fours, fours to the whole.
+uint64_t value_of_digits(uint64_t word) {
+    word -= eight_of('0');
+    word = (word * 10 + (word >> 8)) & 0x00FF00FF00FF00FF;
+    word = (word * 100 + (word >> 16)) & 0x0000FFFF0000FFFF;
+    return (word * 10'000 + (word >> 32)) & 0xFFFFFFFF;
+}
+
+// The form in which numbers are written: digits only. The two words share a digit, which counts in
+// the first.
+bool take_digits(const char *in, uint64_t *value) {
+    if (std::endian::native != std::endian::little) return false;
+    const uint64_t first = word_at(in);
+    const uint64_t second = word_at(in + kDigits - 8);
+    if (!are_digits(first) || !are_digits(second)) return false;
+    *value =
+        value_of_digits(first) * 10'000'000 + value_of_digits((second & ~uint64_t{0xFF}) | '0');
+    return true;
+}
+
 // A number fills its column; only blanks may stand in front of its digits.
 bool take_number(const char *in, uint64_t *value) {
+    if (in[kDigits] != '|') return false;
+    if (take_digits(in, value)) return true;
     size_t i = 0;
     while (i < kDigits && is_blank(in[i])) ++i;
-    if (i == kDigits || in[kDigits] != '|') return false;
+    if (i == kDigits) return false;
     uint64_t sum = 0;
     unsigned wrong = 0;
     for (; i < kDigits; ++i) {
@@ -84,6 +123,18 @@ bool take_numbers(const char *bytes, size_t length, bookmark_record *record) {
     record->tail = static_cast<uint32_t>(tail);
     record->path = bytes + kBookmarkPathOffset;
     return true;
+}
+
+// False when none of at least eight bytes is a blank; true may be wrong for other control bytes.
+bool may_hold_blank(const char *path, size_t length) {
+    uint64_t found = 0;
+    for (size_t at = 0; at < length; at += 8) {
+        const uint64_t word = word_at(path + std::min(at, length - 8));
+        const uint64_t spaces = word ^ eight_of(' ');
+        found |= (spaces - eight_of(1)) & ~spaces;     // a byte that is zero now
+        found |= (word - eight_of('\r' + 1)) & ~word;  // a byte of 0 to 13
+    }
+    return (found & eight_of(0x80)) != 0;
 }
 
 }  // namespace
@@ -132,6 +183,7 @@ bool bookmark_parse_of(const char *bytes, size_t length, const char *path, size_
 
 bool bookmark_path_findable(const char *path, size_t path_length) {
     if (path_length == 0 || path_length > kBookmarkPathLimit) return false;
+    if (path_length >= 8 && !may_hold_blank(path, path_length)) return true;
     unsigned blanks = 0;
     for (size_t i = 0; i < path_length; ++i) blanks |= is_blank(path[i]);
     return blanks == 0;

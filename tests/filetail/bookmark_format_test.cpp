@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -113,6 +114,23 @@ TEST(BookmarkFormat, DamagedNumbersMatchNothing) {
     EXPECT_EQ(path_of(std::string(199, '\0')), "");
 }
 
+TEST(BookmarkFormat, EveryByteButADigitDamagesANumber) {
+    for (size_t at = 0; at < 47; ++at) {
+        if (at % 16 == 15) continue;
+        for (int byte = 0; byte < 256; ++byte) {
+            std::string bytes = "123456789012345|000002345678901|000003456789012|/a\n";
+            bytes[at] = static_cast<char>(byte);
+            const bool is_first = at % 16 == 0;
+            const bool is_blank = byte == ' ' || (byte >= '\t' && byte <= '\r');
+            const bool is_digit = byte >= '0' && byte <= '9';
+            ASSERT_EQ(path_of(bytes) == "/a", is_digit || (is_first && is_blank)) << at;
+            if (is_digit) {
+                ASSERT_EQ(parsed(bytes).location, strtoull(bytes.c_str(), nullptr, 10));
+            }
+        }
+    }
+}
+
 TEST(BookmarkFormat, EveryPrefixAndEveryByteIsReadWithinBounds) {
     const std::string bytes = formatted(1, 2, 3, "/var/log/messages");
     for (size_t length = 0; length <= bytes.size(); ++length) {
@@ -177,6 +195,20 @@ TEST(BookmarkFormat, FindablePaths) {
     EXPECT_FALSE(findable(""));
     for (const char blank : {' ', '\t', '\n', '\v', '\f', '\r'}) {
         EXPECT_FALSE(findable(std::string("/a") + blank + "b"));
+    }
+}
+
+TEST(BookmarkFormat, ABlankIsSeenWhereverItStands) {
+    for (size_t length = 1; length <= 26; ++length) {
+        for (size_t at = 0; at < length; ++at) {
+            for (int byte = 0; byte < 256; ++byte) {
+                std::string path(length, 'p');
+                path[at] = static_cast<char>(byte);
+                const bool is_blank = byte == ' ' || (byte >= '\t' && byte <= '\r');
+                ASSERT_EQ(bookmark_path_findable(path.data(), path.size()), !is_blank)
+                    << length << " " << at << " " << byte;
+            }
+        }
     }
 }
 
