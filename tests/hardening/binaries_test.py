@@ -108,8 +108,8 @@ def check_the_checks(readelf, compiler, folder):
         with open(source, "w", encoding="ascii") as file:
             file.write("int main(void) { return 0; }\n")
         subprocess.run([compiler, "-O0", "-fno-pie", "-no-pie", "-fno-stack-protector",
-                        "-fcf-protection=none", "-U_FORTIFY_SOURCE", "-Wl,-z,norelro,-z,lazy,-z,execstack",
-                        source, "-o", program], check=True)
+                        "-fcf-protection=none", "-U_FORTIFY_SOURCE",
+                        "-Wl,-z,norelro,-z,lazy,-z,execstack", source, "-o", program], check=True)
         elf = Elf(readelf, program)
         passed = [name for name, check in CHECKS.items() if check(elf)]
     print("a bare program passes: %s" % (", ".join(passed) or "nothing"))
