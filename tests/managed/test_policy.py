@@ -225,6 +225,44 @@ class Concurrent(ManagedTest):
             self.written += 100
             time.sleep(0.02 if self.written < 60000 else 0.5)
 
+    def test_nothing_is_left_behind_by_restarts(self):
+        receiver = self.receiver()
+        self.configure(receiver.port, debug_level="info", wake_on_change=1)
+        daemon = self.start()
+        daemon.wait_log("Started policy enforcement service")
+        policies = [self.policy(GLOBAL, f"Tail Mode={m}", name=m) for m in ("end", "begin")]
+
+        def restart(times):
+            self.ask("push", "--policy", policies[0], "--policy", policies[1], "--count", times)
+            self.ask("reload")
+
+        def held():
+            """What the process holds, by name."""
+            names = []
+            for fd in os.listdir(f"/proc/{daemon.pid}/fd"):
+                try:
+                    names.append(os.readlink(f"/proc/{daemon.pid}/fd/{fd}").split("[")[0])
+                except OSError:
+                    pass  # closed meanwhile
+            return sorted(names), len(os.listdir(f"/proc/{daemon.pid}/task"))
+
+        self.write("a.log", self.numbered(1, 100))
+        receiver.wait_messages(100)
+        restart(4)
+        daemon.wait_log("Started policy enforcement service", 2)
+        self.write("a.log", self.numbered(101, 200))
+        receiver.wait_messages(200)
+        before = held()
+        for n in range(3):
+            restart(6)
+            daemon.wait_log("Started policy enforcement service", 3 + n)
+        self.write("a.log", self.numbered(201, 300))
+        self.assertEqual(receiver.wait_messages(300), self.expected(1, 300))
+        # The thread that has reloaded the runtime ends a moment later.
+        wait_for(lambda: len(held()[0]) <= len(before[0]) and held()[1] <= before[1],
+                 f"no more than {before}, there is {held()}")
+        daemon.stop()
+
     def test_two_policies_at_once_do_not_overlap(self):
         receiver = self.receiver()
         self.configure(receiver.port)
