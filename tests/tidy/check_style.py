@@ -1,7 +1,7 @@
 """Checks of the tree's own habits: check_style.py MODE [--root DIR].
 
   lines        at most 100 columns, no tabs, no blanks at a line's end, a line feed at the end
-  sizes        headers of 100 lines, sources of 400, functions of 70, in tests 260, 500 and 70;
+  sizes        headers of 100 lines, sources of 400, functions of 70, in tests 260, 600 and 70;
                see exceptions.txt
   levels       a module includes only modules of lower levels; see levels.txt
   thirdparty   OpenSSL, PCRE, Boost and dlfcn stay behind their seams
@@ -28,7 +28,7 @@ TEXT_SUFFIXES = CODE_SUFFIXES | {".py", ".cmake", ".md", ".txt", ".sh", ".json",
                                  ".service", ".yml"}
 MAX_COLUMNS, MAX_HEADER, MAX_SOURCE, MAX_FUNCTION = 100, 100, 400, 70
 # A fixture stands whole in its header, and rows of literals are long without being hard to read.
-MAX_TEST_HEADER, MAX_TEST_SOURCE = 260, 500
+MAX_TEST_HEADER, MAX_TEST_SOURCE = 260, 600
 
 
 class Tree:
