@@ -12,8 +12,8 @@
 #include <cstring>
 
 #include "ruv/ruvlib.h"
-#include "ruv/ruvlibsetters.h"
 #include "ruv/wait.h"
+#include "tests/fuzz/questions.h"
 
 namespace {
 
@@ -50,29 +50,6 @@ int scripted_connect(int fd, const sockaddr *, socklen_t) {
     return 0;
 }
 
-void ask_everything(RUVConn *conn) {
-    uint16_t major, minor, dot;
-    char patch[2];
-    uint64_t build;
-    const uint32_t address = 0x7F000001;
-    RUVGetReceiverVer(conn, &major, &minor, &dot, patch, &build);
-    RUVDSInfo *source = RUVAllocDSInfo(1, &address);
-    RUVIsDSKnown(conn, nullptr, source);
-    RUVIsDSKnown(conn, nullptr, source);
-    RUVCheckPeer(conn);
-    void *record = RUVAllocData(conn, 3, 0, 0);
-    if (record) {
-        RUVSyslogSet_message(record, "event", 0);
-        RUVSendData(conn, record, source);
-        if (RUVGroupBegin(conn) == 0) {
-            RUVSendData(conn, record, nullptr);
-            RUVGroupCommit(conn, 1);
-        }
-        RUVFreeData(record);
-    }
-    RUVFreeDSInfo(source);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -84,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ruv::os.sleep_ms = [](int) {};
     RUVConn *conn = RUVAllocConn("127.0.0.1", 1, 1, data[0] % 3, data[0] / 3 % 3);
     if (!conn) abort();
-    if (RUVOpen(conn) == 0) ask_everything(conn);
+    if (RUVOpen(conn) == 0) questions::ask_everything(conn);
     RUVClose(conn);
     if (RUVOpen(conn) == 0) RUVEnableSSL(conn);
     RUVFreeConn(conn);
