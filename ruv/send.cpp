@@ -77,8 +77,7 @@ int send_with_retries(RUVConn *conn, const RUVData_t *record, const RUVDSInfo *d
         if (!connection_failed() || interrupted()) return -1;
         // The stream may have ended inside the unit, so even the last failure gets a new one.
         if (reopen(conn) != 0) return -1;
-        // A TLS result of 0 is a failed write, and must not look like a sent record.
-        if (attempt == kSendAttempts) return written < 0 ? written : -1;
+        if (attempt == kSendAttempts) return -1;
         if (libruv_pause(conn, kResendPauseSeconds) != 0) return -1;
     }
 }

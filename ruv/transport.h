@@ -25,12 +25,12 @@ int libruv_ssl_connect(RUVConn *conn);
 void libruv_disconnect(RUVConn *conn);
 
 /// Writes all segments in order; the array is consumed in place. Blocks until everything is
-/// accepted by the kernel. @return bytes written, or a negative number (or 0, a TLS result below
-/// 1) with error 3, 4 or 6.
+/// accepted by the kernel. @return bytes written, or -1 with error 3, 4 or 6 (the TLS library's own
+/// result, which may be 0, is the error's first argument).
 int libruv_write(RUVConn *conn, int iovcnt, iovec *iov);
 
 /// Fills the segments; every caller passes exactly one. Blocks until it is full. @return bytes
-/// read, or below 1 with error 3, 4 or 6 (end of stream: error 3).
+/// read, or -1 with error 3, 4 or 6 (end of a plain stream: error 3).
 int libruv_read(RUVConn *conn, int iovcnt, iovec *iov);
 
 /// Waits until an answer can be read, at most `budget_ms` milliseconds.

@@ -62,7 +62,9 @@ ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags) {
 }
 int __real_poll(pollfd *fds, nfds_t count, int timeout_ms);
 int __wrap_poll(pollfd *fds, nfds_t count, int timeout_ms) {
-    if (t_waits == nullptr || timeout_ms < 0) return __real_poll(fds, count, timeout_ms);
+    const bool connecting = (fds->events & POLLOUT) != 0;
+    if (t_waits == nullptr || timeout_ms < 0 || connecting)
+        return __real_poll(fds, count, timeout_ms);
     // A loaded host gets the time that it needs for a handshake which is not the question.
     if (t_handshakes_are_real && timeout_ms == 1) return __real_poll(fds, count, 60'000);
     t_waits->push_back({fds->events, timeout_ms});
@@ -199,6 +201,27 @@ TEST(Waits, ASilentHandshakeIsAThousandMilliseconds) {
         // After the first time-out the rest are plain pauses.
         EXPECT_EQ(seen.waits[i].events, i == 0 ? POLLIN : 0);
     }
+}
+
+TEST(Waits, AStopEndsAHandshakeInAQuarterOfASecond) {
+    fake::receiver receiver([](fake::peer &p) { p.drain(); });
+    conn_ptr conn = make_conn(receiver.port(), 1);
+    conn->ruv_ver = 1;
+    static int questions;
+    questions = 0;
+    RUVSetInterrupt(
+        conn.get(), [](void *) { return ++questions; }, nullptr);
+    clear_error();
+    const waits_guard seen;
+    EXPECT_EQ(RUVOpen(conn.get()), -1);
+    EXPECT_EQ(ruverrno, 3);
+    EXPECT_EQ(ruverrno2, EINTR);
+    EXPECT_EQ(conn->skt, -1);
+    EXPECT_EQ(conn->ssl_conn, nullptr);
+    EXPECT_LE(seen.waits.size(), 250u);
+    ASSERT_FALSE(seen.waits.empty());
+    for (const wait_seen &wait : seen.waits) EXPECT_EQ(wait.timeout_ms, 1);
+    EXPECT_EQ(questions, 1);
 }
 
 // An encrypted Receiver that never answers, then the same one asked in plain: the second wait has
