@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/execution.h"
 #include "core/siemcollector_log.h"
 #include "core/utils.h"
 #include "filetail/bookmark_file.h"
@@ -284,6 +285,7 @@ int delete_bookmark(const char *path) {
 void verify_bookmark_file(ft_bm *group) {
     bool any_unlisted = false;
     for (int32_t i = 0; i < group->fc; ++i) {
+        if (!is_running()) return;  // nobody will read on; many files take seconds
         fdesc *bm = group->f[i];
         bm->unlisted = get_bookmark(bm) == 0;
         any_unlisted |= bm->unlisted;

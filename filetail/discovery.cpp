@@ -15,6 +15,7 @@
 
 #include "config/plugin_record.h"
 #include "config/siem_config.h"
+#include "core/execution.h"
 #include "core/siemcollector_log.h"
 #include "core/utils.h"
 #include "filetail/bookmark.h"
@@ -174,11 +175,11 @@ void scan_entry(ft_bm *group, const scan &what, const dirent *entry) {
 }
 
 // Reads the directory to its end. Returns the number of matching entries; *complete tells whether
-// every entry was seen.
+// every entry was seen. A stop ends the reading: the first look at many files takes seconds.
 int scan_directory(ft_bm *group, const scan &what, DIR *directory, bool *complete) {
     int matched = 0;
     const dirent *entry;
-    while (errno = 0, (entry = readdir(directory)) != nullptr) {
+    while (errno = 0, is_running() && (entry = readdir(directory)) != nullptr) {
         if (fnmatch(what.filter.get(), entry->d_name, 0) != FNM_NOMATCH) {
             scan_entry(group, what, entry);
             ++matched;
@@ -187,7 +188,7 @@ int scan_directory(ft_bm *group, const scan &what, DIR *directory, bool *complet
                    static_cast<intmax_t>(entry->d_off), entry->d_name, what.filter.get());
         }
     }
-    *complete = errno == 0;
+    *complete = errno == 0 && is_running();
     return matched;
 }
 
@@ -195,6 +196,14 @@ void remove_file(fdesc *file) {
     logger(kLogDebug, "Removing %s because it was not detected in the directory", file->n);
     delete_bookmark(file->n);
     free_fdesc(file);
+}
+
+// True when the path leads to a file after all. Reading a directory may miss a name that was taken
+// away and made again meanwhile, as a rotation does; such a file keeps its bookmark, whose checksum
+// tells whether it is a new one, and is not taken for one that is first seen.
+bool is_there_again(const fdesc *file) {
+    struct stat st;
+    return stat(file->n, &st) == 0 && S_ISREG(st.st_mode);
 }
 
 // Drops the files that the scan did not meet. A file whose renamed predecessor is still being read
@@ -206,7 +215,7 @@ void drop_vanished(ft_bm *group) {
         fdesc *file = group->f[i];
         // Kept: the file behind a removed one stays until the next scan even when it has vanished
         // too, because closing the gap moves it into a place that this scan has already passed.
-        const bool remove = file->d && !file->drain && !just_removed;
+        const bool remove = file->d && !file->drain && !just_removed && !is_there_again(file);
         just_removed = remove;
         if (remove) {
             remove_file(file);
@@ -274,7 +283,7 @@ int update_file_list(ft_bm *group) {
             rotation_watch(group, what.directory.get(), what.filter.get());
         }
         drop_vanished(group);
-    } else {
+    } else if (is_running()) {
         // What was not seen may still be there: nothing is dropped on half a list.
         logger(kLogWarn, "Failed to get list of files for: %s", what.directory.get());
     }

@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "core/execution.h"
 #include "filetail/ruv.h"
 #include "tests/filetail/bookmark_kit.h"
 #include "tests/filetail/discovery_kit.h"
@@ -190,6 +191,49 @@ TEST_F(DiscoveryTest, SecondOfTwoNeighboursGoesWithTheNextScan) {
     write_file(order[2], lines(100));
     EXPECT_EQ(update_file_list(group), 4);
     EXPECT_EQ(names(), (std::vector<std::string>{order[0], order[4], order[5], order[2]}));
+}
+
+// Between a rotation's rename and its new file, or while a large directory is read, a name may be
+// missed. What stands there when the file is to be dropped counts. A file outside the directory is
+// never met by the scan, as if it had been missed.
+TEST_F(DiscoveryTest, FileThatTheScanMissedKeepsItsBookmark) {
+    const std::string content = lines(100);
+    write_file(root + "/missed.log", content);
+    ASSERT_NE(add_new_file(group, (root + "/missed.log").c_str()), nullptr);
+    const std::string saved = image();
+    EXPECT_EQ(update_file_list(group), 0);
+    ASSERT_EQ(group->fc, 1);
+    EXPECT_EQ(image(), saved);
+    std::filesystem::remove(root + "/missed.log");
+    std::filesystem::create_directory(root + "/missed.log");
+    EXPECT_EQ(update_file_list(group), 0);
+    EXPECT_EQ(group->fc, 0);
+    EXPECT_EQ(image(), "");
+}
+
+// The first look at many files takes seconds; a stop does not wait for it, and half a list drops
+// nothing.
+TEST_F(DiscoveryTest, AStopEndsTheScan) {
+    write_file(logs + "a.log", lines(100));
+    write_file(logs + "b.log", lines(100));
+    update_file_list(group);
+    ASSERT_EQ(group->fc, 2);
+    const std::string saved = image();
+    write_file(logs + "c.log", lines(100));
+    std::filesystem::remove(logs + "a.log");
+    stop_execution();
+    Capture log;
+    EXPECT_EQ(update_file_list(group), 0);
+    const std::string text = log.text();
+    execution_reset_for_start();
+    EXPECT_EQ(count_of(text, "\n"), 1u) << text;
+    EXPECT_EQ(count_of(text, "Getting files from dir"), 1u);
+    EXPECT_EQ(group->fc, 2);
+    EXPECT_EQ(image(), saved);
+    pause_execution();
+    EXPECT_EQ(update_file_list(group), 2) << "a restart scans while the state is paused";
+    resume_execution();
+    EXPECT_EQ(group->fc, 2);
 }
 
 TEST_F(DiscoveryTest, TrackedFileReplacedByADirectoryIsDropped) {
