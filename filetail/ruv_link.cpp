@@ -161,9 +161,9 @@ bool link_record_fits(const plugin *p) {
 
 bool link_fit_record(plugin *p) {
     const uint32_t current = opened_connections.load(std::memory_order_relaxed);
-    // A worker's first record was made by the plugin's start.
-    const bool fits = mine.owner != p || mine.connection == current;
-    if ((p->data == nullptr || !fits) && !link_alloc_record(p)) return false;
+    // The record of the plugin's start counts as an old one: another worker may have opened the
+    // connection anew since, to a Receiver of another generation.
+    if (!link_record_fits(p) && !link_alloc_record(p)) return false;
     mine = {p, current};
     return true;
 }

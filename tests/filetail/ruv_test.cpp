@@ -225,6 +225,26 @@ TEST_F(Ruv, AWrongGuessOfGeneration5IsForgotten) {
     EXPECT_EQ(arrived(1), (strings{"event"})) << "as a version-6 record";
 }
 
+// The record of the plugin's start was made for a connection that another worker has replaced
+// since.
+TEST_F(Ruv, TheFirstRecordIsNotSentOverANewerConnection) {
+    const auto refuse = [](fake::peer &peer) {
+        peer.read(16);
+        peer.send(fake::kNotOkay);
+        peer.drain();
+    };
+    const auto silent = [](fake::peer &peer) { peer.drain(); };
+    const auto close = [](fake::peer &) {};
+    connect_to({refuse, silent, close, fake::serve()});  // with a record of version 5
+    _connected = 0;
+    plugin other = {};
+    std::thread([&] { EXPECT_EQ(ruv_ensure_connected(&other), 0); }).join();
+    EXPECT_EQ(_connected, 1);
+    std::thread([&] { EXPECT_EQ(send("event"), 1); }).join();
+    EXPECT_EQ(arrived(1), (strings{"event"})) << "as a version-6 record";
+    RUVFreeData(other.data);
+}
+
 TEST_F(Ruv, WithoutARecordTheDaemonEnds) {
     fake::version6 no_syslog;
     no_syslog.versions = {{6, 0, 0}, {6, 1, 0}};
