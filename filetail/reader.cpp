@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config/plugin_record.h"
@@ -20,6 +21,7 @@
 #include "filetail/reader_notes.h"
 #include "filetail/reader_window.h"
 #include "filetail/ruv.h"
+#include "filetail/sight.h"
 #include "filetail/tail_state.h"
 
 namespace {
@@ -72,6 +74,7 @@ struct reading {
     std::unique_ptr<FILE, close_stream> stream;  ///< for the plugin's cutter only
     int handled;
     bool send_failed;
+    bool rewritten;  ///< the file was written anew: only what is at hand of the old text is sent
 };
 
 /// An event as it will be sent.
@@ -113,6 +116,18 @@ bool is_readable_here(const struct stat &status, const file_sight &verified) {
                                                                verified.device == status.st_dev));
 }
 
+/// True when the head tells that the file was emptied and written anew, in place, since its
+/// position was verified: what stands at the position is not what follows the events sent.
+bool is_rewritten(const file_sight &verified, uint32_t head) {
+    return verified.inode != 0 && verified.size >= kHeadBytes && head != verified.head;
+}
+
+/// The same for a file that was opened just now; its head is read only when it has changed since.
+bool is_rewritten_here(int fd, const struct stat &status, const file_sight &verified) {
+    return verified.size >= kHeadBytes && !is_as_seen(verified, status) &&
+           is_rewritten(verified, head_checksum(fd));
+}
+
 bool may_go_on() {
     return is_executing() && _connected.load(std::memory_order_relaxed) == 1;
 }
@@ -152,6 +167,22 @@ bool send_prepared(reading *r, const prepared_event &event) {
     return send_event(r->p, event.text, event.length) == 1;
 }
 
+/// Writes the bookmark of what was sent. When the file was emptied and written anew meanwhile, it
+/// is begun anew, or its new beginning would never be sent; the old text at hand still goes first,
+/// for it is nowhere else any more.
+void save_position(reading *r, uint64_t stream_place) {
+    if (r->rewritten) return;
+    update_bookmark_at(r->fd, r->file, stream_place);
+    if (!is_rewritten(r->file->sight, r->file->h)) return;
+    logger(kLogInfo, "Started reading file over cause the start of the file didn't match: %s",
+           r->file->n);
+    const uint64_t reached = std::exchange(r->file->l, 0);
+    update_bookmark_at(r->fd, r->file, 0);
+    r->file->l = reached;
+    r->rewritten = true;
+    desk.window.at_end = true;
+}
+
 /// Sends a batch event by event, the position and its bookmark always one event behind.
 void deliver_each(reading *r, int count) {
     read_window &window = desk.window;
@@ -167,7 +198,7 @@ void deliver_each(reading *r, int count) {
         }
         r->file->l += length;
         if (event.counts) ++r->handled;
-        update_bookmark_at(r->fd, r->file, stream_place);
+        save_position(r, stream_place);
         stream_place = r->file->l;
     }
 }
@@ -217,7 +248,7 @@ bool deliver_group(reading *r, int count) {
     }
     r->file->l += window.events[count - 1].end;
     r->handled += counted;
-    update_bookmark_at(r->fd, r->file, window.read_to);
+    save_position(r, window.read_to);
     return true;
 }
 
@@ -237,7 +268,7 @@ bool next_batch(reading *r, const delimiter *delim) {
 }
 
 void read_batches(reading *r, const delimiter *delim, int throttle) {
-    while (may_go_on() && r->handled < throttle) {
+    while (may_go_on() && (r->handled < throttle || r->rewritten)) {
         if (!next_batch(r, delim)) {
             r->file->at_end = 1;
             return;
@@ -245,6 +276,7 @@ void read_batches(reading *r, const delimiter *delim, int throttle) {
         if (!r->send_failed) continue;
         // The batch's text was changed while it was prepared: it must be read again.
         forget_text(&desk.window);
+        if (r->rewritten) return;
         r->send_failed = false;
         ruv_pause_after_failure();
     }
@@ -252,7 +284,10 @@ void read_batches(reading *r, const delimiter *delim, int throttle) {
 
 void read_open_file(reading *r, const delimiter *delim, int throttle) {
     struct stat status;
-    if (fstat(r->fd, &status) != 0 || !is_readable_here(status, r->file->sight)) return;
+    if (fstat(r->fd, &status) != 0 || !is_readable_here(status, r->file->sight) ||
+        is_rewritten_here(r->fd, status, r->file->sight)) {
+        return;
+    }
     r->file->at_end = 1;
     if (is_dry(desk.notes, status, r->file->l)) return;
     r->file->at_end = 0;
@@ -261,6 +296,10 @@ void read_open_file(reading *r, const delimiter *delim, int throttle) {
     const size_t unfinished = bytes_at_hand(desk.window, r->file->l);
     if (r->file->at_end && (desk.window.error != 0 || unfinished >= kDryBytes)) {
         note_dry(&desk.notes, status, r->file->l);
+    }
+    if (r->rewritten) {
+        r->file->l = 0;
+        r->file->at_end = 0;
     }
     if (desk.window.room > kKeptBufferBytes) desk.window = read_window();
 }
@@ -279,7 +318,7 @@ read_outcome read_file(fdesc *file, int throttle) {
         }
         return {0, true};
     }
-    reading r{file, p, fd.get(), nullptr, 0, false};
+    reading r{file, p, fd.get(), nullptr, 0, false, false};
     if (delim != nullptr) read_open_file(&r, delim, throttle);
     return {r.handled, false};
 }

@@ -76,13 +76,6 @@ void take_identity(file_sight *sight, const struct stat &st) {
     sight->written_ns = nanoseconds(st.st_mtim);
 }
 
-bool same_identity(const file_sight &sight, const struct stat &st) {
-    return sight.inode == st.st_ino && sight.device == st.st_dev &&
-           sight.size == static_cast<uint64_t>(st.st_size) &&
-           sight.changed_ns == nanoseconds(st.st_ctim) &&
-           sight.written_ns == nanoseconds(st.st_mtim);
-}
-
 bool is_settled(const file_sight &sight) {
     timespec now;
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
@@ -90,6 +83,13 @@ bool is_settled(const file_sight &sight) {
 }
 
 }  // namespace
+
+bool is_as_seen(const file_sight &sight, const struct stat &st) {
+    return sight.inode == st.st_ino && sight.device == st.st_dev &&
+           sight.size == static_cast<uint64_t>(st.st_size) &&
+           sight.changed_ns == nanoseconds(st.st_ctim) &&
+           sight.written_ns == nanoseconds(st.st_mtim);
+}
 
 uint32_t head_checksum(int fd) {
     return checksum_at(fd, 0);
@@ -116,7 +116,7 @@ sight_result look_at(fdesc *file) {
     struct stat st;
     if (stat(path, &st) == 0) {
         if (!S_ISREG(st.st_mode)) return sight_result::kMissing;
-        if (file->settled && same_identity(file->sight, st)) return sight_result::kSeen;
+        if (file->settled && is_as_seen(file->sight, st)) return sight_result::kSeen;
     }
     const owned_descriptor fd(open_regular(path));
     if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {

@@ -5,6 +5,8 @@
 
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 
 #include "filetail/tail_state.h"
@@ -21,6 +23,9 @@ uint32_t tail_checksum(int fd, uint64_t size, uint64_t position);
 /// Opens a file that may be anything for reading, without waiting and without following it into a
 /// terminal. Returns a descriptor of a regular file, or -1 with errno (ENODEV: no regular file).
 int open_regular(const char *path);
+
+/// True when a file with this status is the one that was looked at, and has not changed since.
+bool is_as_seen(const file_sight &sight, const struct stat &st);
 
 enum class sight_result { kSeen, kMissing, kUnknown };
 

@@ -279,6 +279,62 @@ TEST_F(Reader, AnEndlessLineIsCutAtAMultipleOfTheLongestRecord) {
     EXPECT_EQ(got[511].size(), 65535u);
 }
 
+// Emptied and written anew in place, and longer than before, between the look at its position and
+// the reading: what stands at the position is the middle of the new text.
+TEST_F(Reader, AFileWrittenAnewIsNotReadFromTheMiddle) {
+    connect_to();
+    const std::string old_text = bookmark_kit::lines(40, "old text");
+    const std::string new_text = bookmark_kit::lines(60, "new text");
+    fdesc *file = tail("a", old_text, old_text.size());
+    ASSERT_EQ(update(file), 0);
+    ASSERT_EQ(get_bookmark(file), 1);
+    const std::string saved = image();
+    bookmark_kit::write_file(logs + "a", new_text);
+    EXPECT_EQ(read_events(file, 1000), 0);
+    EXPECT_EQ(file->l, old_text.size());
+    EXPECT_EQ(image(), saved);
+    ASSERT_EQ(get_bookmark(file), 1);
+    EXPECT_EQ(read_events(file, 1000), 60);
+    const strings got = arrived(60);
+    ASSERT_EQ(got.size(), 60u);
+    EXPECT_EQ(got[0] + "\n", new_text.substr(0, new_text.find('\n')) + " \n");
+}
+
+// The same in the middle of the reading; `data` is the text to be written at the first event.
+int write_anew(char **, int *, void **data, fdesc *file, FILE *) {
+    if (*data != nullptr) bookmark_kit::write_file(file->n, *static_cast<std::string *>(*data));
+    *data = nullptr;
+    return 1;
+}
+
+TEST_F(Reader, AFileWrittenAnewWhileItIsReadIsBegunAnew) {
+    connect_to();
+    const std::string old_text = bookmark_kit::lines(60, "old text");
+    std::string new_text = bookmark_kit::lines(90, "new text");
+    fdesc *file = tail("a", old_text);
+    ASSERT_EQ(update(file), 0);
+    ASSERT_EQ(get_bookmark(file), 1);
+    p.process_event = write_anew;
+    p.process_event_data = &new_text;
+    Capture log(2);
+    EXPECT_EQ(read_events(file, 10), 60) << "what was read of the old text is nowhere else";
+    EXPECT_EQ(count_of(log.text(),
+                       ":(INFO) Started reading file over cause the start of the file "
+                       "didn't match: " +
+                           logs + "a\n"),
+              1u);
+    EXPECT_EQ(file->l, 0u);
+    EXPECT_EQ(file->at_end, 0);
+    EXPECT_EQ(stored_position(file), 0u);
+    ASSERT_EQ(get_bookmark(file), 1);
+    EXPECT_EQ(read_events(file, 1000), 90);
+    std::string all;
+    for (const std::string &message : arrived(150)) {
+        all += message.substr(0, message.size() - 1) + "\n";
+    }
+    EXPECT_EQ(all, old_text + new_text);
+}
+
 // The Receiver ends the connection after some events and takes a new one at once: what was not
 // sent is read again, and nothing is left out.
 TEST_F(Reader, AFailedSendIsReadAgain) {
@@ -409,6 +465,22 @@ TEST_F(ConfirmedReader, TheCutterFindsItsStateAsItWas) {
     const strings got = messages();
     ASSERT_EQ(got.size(), 6u);
     EXPECT_EQ(strings(got.begin() + 3, got.end()), expected);
+}
+
+TEST_F(ConfirmedReader, AFileWrittenAnewWhileItIsReadIsBegunAnew) {
+    connect_to();
+    std::string new_text = bookmark_kit::lines(90, "new text");
+    fdesc *file = tail("a", bookmark_kit::lines(60, "old text"));
+    ASSERT_EQ(update(file), 0);
+    ASSERT_EQ(get_bookmark(file), 1);
+    p.process_event = write_anew;
+    p.process_event_data = &new_text;
+    EXPECT_EQ(read_events(file, 10), 60);
+    EXPECT_EQ(file->l, 0u);
+    EXPECT_EQ(stored_position(file), 0u);
+    ASSERT_EQ(get_bookmark(file), 1);
+    EXPECT_EQ(read_events(file, 1000), 90);
+    EXPECT_EQ(messages().size(), 150u);
 }
 
 TEST_F(ConfirmedReader, DroppedEventsMoveThePosition) {
