@@ -97,6 +97,7 @@ void try_connection(const script &s) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 4) return 0;
+    tls_server::make_identities();
     tls_server::repeatable_random();
     script s;
     s.mode = data[0];

@@ -90,6 +90,12 @@ inline const identities &all() {
     return made;
 }
 
+// To be called first, so that the numbers that the identities take are never a connection's.
+inline void make_identities() {
+    repeatable_random();
+    all();
+}
+
 // The authority's certificate as a file in memory.
 inline const std::string &ca_file() {
     static const std::string path = [] {
