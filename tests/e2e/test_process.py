@@ -1,5 +1,6 @@
 """The process: options, signals, exit statuses, the lock file, the log."""
 import os
+import re
 import signal
 import subprocess
 
@@ -253,12 +254,28 @@ class Process(DaemonTest):
         self.assertEqual(process.wait(60), 15)
         self.assertEqual(receiver.messages(), self.expected(1, 10, WIDTH))
 
+    @staticmethod
+    def inherited_by_children(daemon):
+        """Descriptors behind the standard streams that are not closed on exec."""
+        inherited = []
+        for fd in os.listdir(f"/proc/{daemon.pid}/fdinfo"):
+            try:
+                with open(f"/proc/{daemon.pid}/fdinfo/{fd}", encoding="ascii") as info:
+                    flags = re.search(r"^flags:\s*([0-7]+)$", info.read(), re.MULTILINE)
+                name = os.readlink(f"/proc/{daemon.pid}/fd/{fd}")
+            except OSError:
+                continue  # closed meanwhile
+            if int(fd) > 2 and not int(flags[1], 8) & os.O_CLOEXEC:
+                inherited.append((fd, name))
+        return inherited
+
     def test_no_descriptor_leaks_into_children_or_over_time(self):
         receiver = self.receiver()
         self.configure(receiver.port, sleep=0)
         self.write("a.log", self.numbered(1, 10, WIDTH))
         daemon = self.start()
         receiver.wait_messages(10)
+        self.assertEqual(self.inherited_by_children(daemon), [])
         count = len(os.listdir(f"/proc/{daemon.pid}/fd"))
         for n in range(2, 12):
             self.write("a.log", self.numbered(n * 10 - 9, n * 10, WIDTH))
