@@ -3,8 +3,8 @@
  * errors. The setters that fill a record stand in ruvlibsetters.h. C99 and C++.
  *
  * Failure: calls return -1 or NULL and leave a code in the calling thread's #ruverrno, with up
- * to three arguments beside it; RUVStrError() turns it into text. On success these words are not
- * touched. "Error n (arg #k)" below means code n with k in #ruverrno2.
+ * to three arguments beside it; RUVStrError() turns it into text. After a success they mean
+ * nothing. "Error n (arg #k)" below means code n with k in #ruverrno2.
  *
  * Threads: a connection, a record and a data source belong to one thread at a time; the library
  * takes no lock. Different threads may use different connections at once.
