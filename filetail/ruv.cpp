@@ -111,8 +111,19 @@ void handle_failure(const failure &what) {
     }
 }
 
+/// True when there is no open connection, whatever the flag says: each plugin that starts sets the
+/// flag to what the start of the daemon found, and a worker may have lost the connection since.
+bool nothing_is_open() {
+    return conf.ruvconn == nullptr ||
+           (RUVCheckPeer(conf.ruvconn) != 0 && ruverrno == kNotConnected);
+}
+
 /// A record that fits the connection; without one the daemon cannot go on.
 bool have_record(plugin *p) {
+    if (!link_record_fits(p) && nothing_is_open()) {
+        _connected.store(0, std::memory_order_relaxed);
+        return false;
+    }
     if (link_fit_record(p)) return true;
     stop_execution();
     return false;

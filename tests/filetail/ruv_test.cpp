@@ -88,6 +88,22 @@ TEST_F(Ruv, WithoutAHandleTheWorkerMakesOne) {
     EXPECT_EQ(arrived(1), (strings{"late"}));
 }
 
+// A plugin that starts sets the flag to what the start of the daemon found; a worker may have lost
+// the connection since. That must not look like a Receiver that takes no records.
+TEST_F(Ruv, AFlagThatIsTooOldDoesNotEndTheDaemon) {
+    serve({fake::serve(), fake::serve()});
+    for (const bool has_handle : {false, true}) {
+        _connected = 1;
+        std::thread([&] {
+            EXPECT_EQ(ruv_ensure_connected(&p), -1) << has_handle;
+            EXPECT_EQ(is_running(), 1);
+            EXPECT_EQ(_connected, 0);
+            EXPECT_EQ(ruv_ensure_connected(&p), 0);
+        }).join();
+        RUVClose(conf.ruvconn);
+    }
+}
+
 TEST_F(Ruv, SendsTheTextAndTheTime) {
     connect_to();
     const auto before = static_cast<uint32_t>(time(nullptr));
