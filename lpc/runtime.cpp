@@ -25,20 +25,31 @@ struct Reloader {
 // Never destroyed: a process may end while the thread still runs.
 Reloader &reloader = *new Reloader;
 
+void log_failure(const char *why) {
+    Services::LPCLogger::getLogger()->logError(L"LPCDLLManager", widen_text(why).c_str());
+}
+
 void reload_now() {
-    unloadLPCRuntime();
-    if (loadNewLPCRuntime() == 0) LPCDylibManager::instance()->announceRuntime();
+    try {
+        unloadLPCRuntime();
+        if (loadNewLPCRuntime() == 0) LPCDylibManager::instance()->announceRuntime();
+    } catch (const std::exception &error) {
+        log_failure(error.what());
+    }
     std::lock_guard guard(reloader.guard);
     reloader.busy = false;
 }
 
-// On a thread of the runtime. A request during a reload is met by that reload.
-void request_reload() {
+// On a thread of the runtime. A request during a reload is met by that reload; one for which no
+// thread can be made is lost, and the runtime may ask again.
+void request_reload() try {
     std::lock_guard guard(reloader.guard);
     if (reloader.closed || reloader.busy) return;
     if (reloader.thread.joinable()) reloader.thread.join();
-    reloader.busy = true;
     reloader.thread = std::thread(reload_now);
+    reloader.busy = true;
+} catch (const std::exception &error) {
+    log_failure(error.what());
 }
 
 void set_reloading(bool allowed) {
@@ -62,7 +73,7 @@ int initializeLPC(const std::string &processId, const std::wstring &tmpDir,
     if (result == 0) set_reloading(true);
     return result;
 } catch (const std::exception &error) {
-    Services::LPCLogger::getLogger()->logError(L"LPCDLLManager", widen_text(error.what()).c_str());
+    log_failure(error.what());
     return -1;
 }
 

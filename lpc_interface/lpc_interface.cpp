@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <string>
 
@@ -80,11 +81,19 @@ int bring_up() try {
     return -1;
 }
 
+// Called on threads of the runtime too, to which nothing is thrown.
 template <class ServantImpl>
-void start_service(const char *name) {
+bool run_service() try {
     // Kept: the servant of a failed start is neither deleted nor kept, since a runtime that took it
     // half way may still hold it.
-    if (LPC::LPCServiceController<ServantImpl>::runService(new (std::nothrow) ServantImpl))
+    return LPC::LPCServiceController<ServantImpl>::runService(new (std::nothrow) ServantImpl);
+} catch (const std::exception &) {
+    return false;
+}
+
+template <class ServantImpl>
+void start_service(const char *name) {
+    if (run_service<ServantImpl>())
         logger(kLogInfo, "Started %s service", name);
     else
         logger(kLogError, "Unable to run the %s service", name);

@@ -23,12 +23,20 @@ void *operator new(size_t size, const std::nothrow_t &) noexcept {
 
 namespace {
 
-// The bridge starts once in a process, so this is one test: the second registration fails, the
-// services run all the same.
+// The bridge starts once in a process, so this is one test: an attempt that fails, and one whose
+// second registration fails while the services run all the same.
 TEST(ManagedBridge, AFailedRegistrationStopsOnlyTheRegistrations) {
     const ConfigFile folder("rec_ip=1\n");
     setenv("LOOPBACK_AGENT_DIR", folder.folder().c_str(), 1);
     velmor_com::NQ::LPC::LPCDylibManager::setUTMode(true);
+    // Without a callback block the framework refuses, and the next attempt is a first one.
+    failing_allocation = 1;
+    const std::string refused = logged([] { EXPECT_EQ(init_lpc(lpc_log), -1); });
+    EXPECT_EQ(failing_allocation, 0);
+    EXPECT_EQ(refused.substr(refused.find("(DEBUG) Initializing LPC")),
+              "(DEBUG) Initializing LPC\n(DEBUG) Invalid argument\n"
+              "(ERROR) Initializing LPC failed\n");
+
     // The callback block, the first factory, and then the one that fails.
     failing_allocation = 3;
     const std::string log = logged([] { EXPECT_EQ(init_lpc(lpc_log), 0); });
