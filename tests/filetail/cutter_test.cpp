@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -222,6 +223,21 @@ TEST(Cutter, CleansTextOfAnyLength) {
         }
         clean_text(text.data(), text.size());
         EXPECT_EQ(text, expected);
+    }
+    // One byte of every value at every place of long texts that hold nothing else to clean.
+    for (size_t length : {63u, 64u, 65u, 127u, 128u, 150u}) {
+        for (size_t at = 0; at < length; ++at) {
+            for (int byte = 0; byte < 256; ++byte) {
+                const char c = static_cast<char>(byte);
+                std::string text(length + 2, '\n'), expected(length + 2, '\n');
+                std::fill_n(text.begin() + 1, length, 'x');
+                std::fill_n(expected.begin() + 1, length, 'x');
+                text[1 + at] = c;
+                expected[1 + at] = c == '\n' || c == '\r' || c == '\0' ? ' ' : c;
+                clean_text(text.data() + 1, length);
+                ASSERT_EQ(text, expected) << length << " " << at << " " << byte;
+            }
+        }
     }
     EXPECT_EQ(leading_nuls("\0\0a\0", 4), 2u);
     EXPECT_EQ(leading_nuls("\0\0", 2), 2u);
