@@ -55,7 +55,11 @@ RUVData_t *alloc_data(const RUVConn *conn, int type, int ver, int subver) {
 
 void libruv_reset_data(RUVData_t *record) {
     ruv::trace_point();
-    memset(&record->data, 0, sizeof record->data);
+    // With the size in sight the compiler writes a string instruction, which costs more than all
+    // setters of a Syslog record; the C library's own memset does not.
+    size_t size = sizeof record->data;
+    asm("" : "+r"(size));
+    memset(&record->data, 0, size);
     ruv::trace_point();
 }
 
