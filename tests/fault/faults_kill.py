@@ -50,8 +50,9 @@ def kill_in_a_row(lab, kills=6, workers=1, receiver=(), settings=None, churn=Fal
 def churn_bookmarks(lab, turn):
     """Small files that come and go, so that kills strike while records are removed."""
     for source in lab.sources[1:]:
-        if lab.arrived(source) == source.written:
-            source.path.unlink(missing_ok=True)
+        with source.lock:  # or the writer's next events would go with the file
+            if lab.arrived(source) == source.written:
+                source.path.unlink(missing_ok=True)
     for number in range(12):
         name = f"c{turn}-{number}"
         lab.source(name, lab.input / "w0").append(8)
