@@ -1,0 +1,150 @@
+"""The rotation cookbook's matrix: what each way to rotate sends, repeats and loses.
+
+The daemon is held with SIGSTOP while a file is rotated, so that "the unread rest" is exactly what
+was written meanwhile.
+"""
+import os
+import shutil
+import signal
+
+import kit_path  # noqa: F401
+from daemon_kit import DaemonTest, main, wait_for
+
+WIDTH = 40  # bytes of a line, without its line feed: ten lines are more than 256 bytes
+
+
+class Rotation(DaemonTest):
+    def begin(self, section=None, **settings):
+        """Ten events are in the file, sent and stored."""
+        self.receiver_ = self.receiver()
+        self.configure(self.receiver_.port, section or {}, debug_level="info", **settings)
+        self.path = self.write("app.log", self.numbered(1, 10, WIDTH))
+        self.daemon = self.start()
+        self.receiver_.wait_messages(10)
+        self.wait_bookmark("app.log", self.path.stat().st_size)
+
+    def held(self):
+        """Between this and go_on() the daemon sees nothing."""
+        self.daemon.send(signal.SIGSTOP)
+
+    def go_on(self):
+        self.daemon.send(signal.SIGCONT)
+
+    def finish(self, *ranges):
+        """Writes one last event and compares everything that came with the ranges of numbers."""
+        expected = [line for first, last in ranges for line in self.expected(first, last, WIDTH)]
+        self.receiver_.wait_messages(len(expected))
+        self.write("app.log", self.numbered(999, 999, WIDTH))
+        got = self.receiver_.wait_messages(len(expected) + 1)
+        self.daemon.stop()
+        self.assertEqual(got, expected + self.expected(999, 999, WIDTH))
+
+    def rotate_by_rename(self, name):
+        self.held()
+        self.write("app.log", self.numbered(11, 15, WIDTH))
+        self.path.rename(self.input / name)
+        self.write("app.log", self.numbered(101, 120, WIDTH))
+        self.go_on()
+
+    def test_rename_and_create_loses_the_unread_rest(self):
+        self.begin()
+        self.rotate_by_rename("app.1")
+        self.finish((1, 10), (101, 120))
+
+    def test_rename_and_create_with_drain_loses_nothing(self):
+        self.begin(rotation_drain=1)
+        self.rotate_by_rename("app.1")
+        self.finish((1, 10), (11, 15), (101, 120))
+
+    def test_renamed_file_that_matches_is_sent_again_whole(self):
+        self.begin({"ft_filter": "app.log*"})
+        self.rotate_by_rename("app.log.1")
+        got = self.receiver_.wait_messages(10 + 20 + 15)
+        self.daemon.stop()
+        self.assertEqual(sorted(got), sorted(self.expected(1, 10, WIDTH) +
+                                             self.expected(101, 120, WIDTH) +
+                                             self.expected(1, 15, WIDTH)))
+
+    def test_renamed_file_that_matches_is_tailed_from_its_end(self):
+        self.begin({"ft_filter": "app.log*", "ft_start_top": 1})
+        self.daemon.stop()
+        self.configure(self.receiver_.port, {"ft_filter": "app.log*", "ft_start_top": 0},
+                       debug_level="info")
+        self.daemon = self.start()
+        self.daemon.wait_log("Resume reading file")
+        self.rotate_by_rename("app.log.1")
+        self.finish((1, 10), (101, 120))
+
+    def test_copy_and_truncate_loses_what_came_after_the_last_pass(self):
+        self.begin()
+        self.held()
+        self.write("app.log", self.numbered(11, 15, WIDTH))
+        shutil.copyfile(self.path, self.input / "app.1")
+        os.truncate(self.path, 0)
+        self.write("app.log", self.numbered(101, 108, WIDTH))
+        self.go_on()
+        self.finish((1, 10), (101, 108))
+
+    def test_truncated_and_grown_past_the_old_end_with_the_same_head(self):
+        self.begin()
+        self.held()
+        os.truncate(self.path, 0)
+        self.write("app.log", self.numbered(1, 10, WIDTH) + self.numbered(101, 110, WIDTH))
+        self.go_on()
+        self.finish((1, 10), (101, 110))
+
+    def test_deleted_and_made_anew_between_two_passes(self):
+        self.begin()
+        self.held()
+        self.path.unlink()
+        self.write("app.log", self.numbered(101, 120, WIDTH))
+        self.go_on()
+        self.finish((1, 10), (101, 120))
+
+    def test_deleted_and_made_anew_later(self):
+        self.begin()
+        self.path.unlink()
+        self.daemon.wait_log("Resume reading file")
+        self.wait_record_gone()
+        self.write("app.log", self.numbered(101, 120, WIDTH))
+        self.finish((1, 10), (101, 120))
+
+    def wait_record_gone(self):
+        wait_for(lambda: not self.bookmark_records(), "the record of the deleted file to go")
+
+    def test_link_moved_to_another_file(self):
+        self.receiver_ = self.receiver()
+        self.configure(self.receiver_.port, debug_level="info")
+        targets = self.folder / "targets"
+        targets.mkdir()
+        for name, first in (("one", 1), ("two", 101)):
+            (targets / name).write_text(self.numbered(first, first + 9, WIDTH))
+        link = self.input / "app.log"
+        link.symlink_to(targets / "one")
+        self.daemon = self.start()
+        self.receiver_.wait_messages(10)
+        fresh = self.folder / "fresh"
+        fresh.symlink_to(targets / "two")
+        fresh.rename(link)
+        self.finish((1, 10), (101, 110))
+
+    def small_file(self, **settings):
+        self.receiver_ = self.receiver()
+        self.configure(self.receiver_.port, debug_level="info", **settings)
+        self.path = self.write("app.log", self.numbered(1, 2, WIDTH))
+        self.daemon = self.start()
+        self.receiver_.wait_messages(2)
+        self.wait_bookmark("app.log", self.path.stat().st_size)
+        self.write("app.log", self.numbered(3, 12, WIDTH))
+
+    def test_small_file_that_grows_is_sent_again(self):
+        self.small_file()
+        self.finish((1, 2), (1, 12))
+
+    def test_small_file_that_grows_is_recognised_by_the_guard(self):
+        self.small_file(small_file_guard=1)
+        self.finish((1, 2), (3, 12))
+
+
+if __name__ == "__main__":
+    main()
