@@ -1,0 +1,122 @@
+"""Authenticated TLS: who is let in, and that nobody else ever is."""
+import shutil
+import subprocess
+import unittest
+
+import kit_path  # noqa: F401
+from daemon_kit import DaemonTest, main
+
+WIDTH = 40
+FAST = 300
+
+
+class Authority:
+    """A certificate authority of the test's own, made with the openssl command."""
+
+    def __init__(self, folder, name):
+        self.folder, self.name = folder / name, name
+        self.folder.mkdir()
+        self.key, self.cert = self.folder / "ca.key", self.folder / "ca.pem"
+        self.run("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                 "-keyout", self.key, "-out", self.cert, "-subj", f"/CN={name}", "-days", "2")
+
+    def run(self, *words):
+        subprocess.run(["openssl", *map(str, words)], check=True, stdin=subprocess.DEVNULL,
+                       capture_output=True, cwd=self.folder)
+
+    def issue(self, name, alternative, begin=None, end=None):
+        """A certificate and its key, as two paths."""
+        key, request = self.folder / f"{name}.key", self.folder / f"{name}.csr"
+        cert, extension = self.folder / f"{name}.pem", self.folder / f"{name}.ext"
+        extension.write_text(f"subjectAltName={alternative}\n")
+        self.run("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                 "-keyout", key, "-out", request, "-subj", f"/CN={name}")
+        if end is None:
+            self.run("x509", "-req", "-in", request, "-CA", self.cert, "-CAkey", self.key,
+                     "-CAcreateserial", "-days", "2", "-extfile", extension, "-out", cert)
+        else:
+            (self.folder / "index").write_text("")
+            (self.folder / "serial").write_text("1000\n")
+            config = self.folder / "ca.cnf"
+            config.write_text(
+                "[ca]\ndefault_ca=d\n[d]\ndatabase=index\nserial=serial\nnew_certs_dir=.\n"
+                "default_md=sha256\npolicy=p\n[p]\ncommonName=supplied\n")
+            self.run("ca", "-batch", "-config", config, "-in", request, "-cert", self.cert,
+                     "-keyfile", self.key, "-extfile", extension, "-startdate", begin,
+                     "-enddate", end, "-out", cert, "-notext")
+        return cert, key
+
+
+@unittest.skipUnless(shutil.which("openssl"), "needs the openssl command")
+class TlsOptions(DaemonTest):
+    def setUp(self):
+        super().setUp()
+        self.ca = Authority(self.folder, "authority")
+        self.write("a.log", self.numbered(1, 50, WIDTH))
+
+    def listen(self, pair, *options):
+        return self.receiver("--tls", "always", "--cert", pair[0], "--key", pair[1], *options)
+
+    def options(self, **more):
+        return {"rec_encrypt": 1, "rec_tls_ca": self.ca.cert, "reconnect_wait": 300,
+                "debug_level": "info", **more}
+
+    def accepted(self, receiver, **more):
+        self.configure(receiver.port, **self.options(**more))
+        daemon = self.start()
+        self.assertEqual(receiver.wait_messages(50), self.expected(1, 50, WIDTH))
+        daemon.stop()
+
+    def refused(self, receiver, *words, **more):
+        """Refused three times over, with the reason in the log and without a single event."""
+        self.configure(receiver.port, **self.options(**more))
+        daemon = self.start(scale=FAST)
+        daemon.wait_log("Error connecting to the Receiver: ", count=3)
+        daemon.stop()
+        self.assertEqual(receiver.messages(), [])
+        for word in words:
+            self.assertIn(word, daemon.log())
+
+    def test_address_in_the_certificate(self):
+        self.accepted(self.listen(self.ca.issue("r", "IP:127.0.0.1")))
+
+    def test_name_in_the_certificate(self):
+        self.accepted(self.listen(self.ca.issue("r", "DNS:receiver.example")),
+                      rec_tls_name="receiver.example")
+
+    def test_lowest_version_1_3(self):
+        self.accepted(self.listen(self.ca.issue("r", "IP:127.0.0.1")), rec_tls_min="1.3")
+
+    def test_client_certificate(self):
+        client = self.ca.issue("c", "DNS:collector.example")
+        receiver = self.listen(self.ca.issue("r", "IP:127.0.0.1"), "--client-ca", self.ca.cert)
+        self.accepted(receiver, rec_tls_cert=client[0], rec_tls_key=client[1])
+
+    def test_confirmed_groups_over_it(self):
+        self.accepted(self.listen(self.ca.issue("r", "IP:127.0.0.1")), rec_confirm=7)
+
+    def test_wrong_name_is_refused(self):
+        self.refused(self.listen(self.ca.issue("r", "DNS:other.example")), "mismatch")
+
+    def test_unknown_authority_is_refused(self):
+        other = Authority(self.folder, "other")
+        self.refused(self.listen(other.issue("r", "IP:127.0.0.1")), "issuer")
+
+    def test_expired_certificate_is_refused(self):
+        pair = self.ca.issue("r", "IP:127.0.0.1", "20200101000000Z", "20210101000000Z")
+        self.refused(self.listen(pair), "expired")
+
+    def test_missing_client_certificate_is_refused(self):
+        receiver = self.listen(self.ca.issue("r", "IP:127.0.0.1"), "--client-ca", self.ca.cert)
+        self.refused(receiver)
+
+    def test_no_way_back_to_plain_text(self):
+        self.refused(self.receiver())
+
+    def test_missing_authority_file_is_refused(self):
+        self.refused(self.listen(self.ca.issue("r", "IP:127.0.0.1")), "trusted certificates",
+                     rec_tls_ca=self.folder / "absent.pem")
+
+
+if __name__ == "__main__":
+    main()
