@@ -185,7 +185,8 @@ TEST(WithoutMemory, Catalogue) {
 // catalogue, and the next open is as good as the first.
 TEST(WithoutMemory, Open) {
     fake::receiver receiver(fake::serve(with_fields()));
-    conn_ptr conn = make_conn(receiver.port());
+    conn_ptr conn = open_conn(receiver.port());
+    expect_fields(*conn);
     int result = 0, refused = 0;
     const int count = fail_each(
         [&] {
