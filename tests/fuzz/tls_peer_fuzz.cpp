@@ -108,7 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ruv::os.connect = scripted_connect;
     ruv::os.sleep_ms = [](int) {};
     ruv::os.probe_budget_ms = 300;
-    ruv::os.own_handshake_ms = s.stalls() ? 100 : 10'000;
+    ruv::os.own_handshake_ms = s.stalls() ? 100 : 500;
     try_connection(s);
     for (const int fd : s.raw_ends) close(fd);
     for (std::thread &peer : s.threads) peer.join();
