@@ -35,6 +35,8 @@ def random_program(lab, steps=40, settings=None, workers=1, receiver_dies=True):
         if not source.path.exists() or state["daemon"] is None:
             return
         # One rotation at a time: the successor of a successor that nobody has seen is a new file.
+        # And by a daemon that has the file: one that has just started knows no inode to follow.
+        source.append(1)
         wait_for(lambda: lab.arrived(source) == source.written, "the events so far", 120)
         source.append(lab.rng.randrange(0, 30))
         state["turn"] += 1
