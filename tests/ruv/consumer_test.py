@@ -45,7 +45,8 @@ def main():
             HERE / "consumer" / "consumer.cpp", "-o", work / "pc_cxx", *flags)
         examples = prefix / "share" / "doc" / "libruv-dev" / "examples"
         for project, directory in ((HERE / "consumer", "cm"), (examples, "examples")):
-            run(cmake, "-S", project, "-B", work / directory, f"-DCMAKE_PREFIX_PATH={prefix}",
+            run(cmake, "-G", "Ninja", "-S", project, "-B", work / directory,
+                f"-DCMAKE_PREFIX_PATH={prefix}",
                 f"-DCMAKE_C_COMPILER={cc}", f"-DCMAKE_CXX_COMPILER={cxx}")
             run(cmake, "--build", work / directory)
         for program in (work / "pc_cxx", work / "cm" / "in_cxx"):
