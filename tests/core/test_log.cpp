@@ -31,7 +31,7 @@ std::string console(const std::function<void()> &work) {
 TEST(LogLevels, WordsGiveCumulativeMasks) {
     const struct {
         const wchar_t *word;
-        uint64_t mask, library;
+        uint64_t mask, lib_level;
     } rows[] = {
         {L"ERROR", 1, 0},  {L"error", 1, 0},  {L"INFO", 3, 0},    {L"info", 3, 0},
         {L"WARN", 7, 1},   {L"warn", 7, 1},   {L"DEBUG", 15, 1},  {L"debug", 15, 1},
@@ -40,7 +40,7 @@ TEST(LogLevels, WordsGiveCumulativeMasks) {
     };
     for (const auto &row : rows) {
         EXPECT_EQ(translate_level(row.word), row.mask);
-        EXPECT_EQ(translate_lib_level(row.word), row.library);
+        EXPECT_EQ(translate_lib_level(row.word), row.lib_level);
     }
 }
 
