@@ -4,15 +4,20 @@ What is expected is put together here from the descriptions, not recorded from t
 setting that changes any of it while it is absent fails here.
 """
 import re
+import ssl
 import struct
 import time
 import zlib
+from pathlib import Path
 
 import kit_path  # noqa: F401
-from daemon_kit import DaemonTest, main
+from client_hello import Listener, read_exactly
+from daemon_kit import BUDGET_SECONDS, DaemonTest, main
 
+GOLDEN = Path(__file__).resolve().parent / "golden"
 MAGIC = bytes.fromhex("55AA55AACEFAEDFE")
-NOP, REQ_DATA_VERS, GET_CHAN_ID = 0, 2, 3
+NOP, REQ_SSL, REQ_DATA_VERS, GET_CHAN_ID = 0, 1, 2, 3
+OKAY = b"OKAY\0\0\0\0"
 SYSLOG, HOST_ID, CHANNEL = 3, 3, 1
 STAMP = re.compile(r"^\w{3} \d\d \d\d:\d\d:\d\d \d{4}:", re.M)
 
@@ -98,6 +103,73 @@ class Baseline(DaemonTest):
             "(INFO) Shut down intiated", "", "(INFO) Calling shutdown on plugin: 0",
             f"(INFO) Filetail shutdown called: {self.input}/",
             f"(INFO) Shutdown bookmark for {self.path}", "(INFO) DeInitializing LPC", ""])
+
+
+class Hello(DaemonTest):
+    """The first words of a TLS connection, as readable text beside this file.
+
+    The text is complete except for what is new each time (the random bytes, the session
+    identifier, the key shares: their lengths stay). It is that of OpenSSL 3.0, whose point releases
+    change nothing in it; another minor version may offer more suites and groups, so there only
+    what the daemon itself decides is compared. The system-wide openssl.cnf, which may forbid or
+    prefer algorithms, is replaced by an empty one.
+    """
+
+    def upgrade(self, connection):
+        """The two requests before a hello on request."""
+        for code in (NOP, REQ_SSL):
+            self.assertEqual(read_exactly(connection, 16), header(0, code))
+            connection.sendall(OKAY)
+
+    def hello(self, encrypt=1, **settings):
+        with Listener(BUDGET_SECONDS) as listener:
+            self.configure(listener.port, rec_encrypt=encrypt, **settings)
+            daemon = self.start(env={"OPENSSL_CONF": "/dev/null"}, wait=False)
+            text = listener.hello(self.upgrade if encrypt == 2 else None)
+        daemon.wait_log("Error connecting to the Receiver: ")
+        daemon.stop()
+        return text
+
+    def check(self, text, name, *essential):
+        for line in essential:
+            self.assertIn(line + "\n", text)
+        if ssl.OPENSSL_VERSION_INFO[:2] == (3, 0):
+            notes, golden = (GOLDEN / name).read_text().split("\n\n", 1)
+            self.assertTrue(all(line.startswith("#") for line in notes.splitlines()))
+            self.assertEqual(text.splitlines(), golden.splitlines())
+
+    def test_legacy_hello(self):
+        text = self.hello()
+        self.check(text, "hello_legacy.txt", "record version: 0301 TLS 1.0",
+                   "hello version: 0301 TLS 1.0", "session identifier: 0 bytes")
+        for absent in ("server_name", "supported_versions", "pre_shared_key"):
+            self.assertNotIn(absent, text)
+
+    def test_legacy_hello_on_request(self):
+        self.check(self.hello(2), "hello_legacy.txt", "hello version: 0301 TLS 1.0")
+
+    def modern(self, name, lowest, *versions):
+        text = self.hello(rec_tls_min=lowest, rec_tls_name="receiver.example")
+        offered = ["  002b supported_versions", *(f"    {version}" for version in versions)]
+        self.check(text, name, "  0000 server_name\n    kind 0: receiver.example",
+                   "\n".join(offered))
+        self.assertNotIn("0302 TLS 1.1\n", text.split("extensions:")[1])
+        self.assertNotIn("0301 TLS 1.0\n", text.split("extensions:")[1])
+
+    def test_hello_from_1_2_on(self):
+        self.modern("hello_from_1_2.txt", "1.2", "0304 TLS 1.3", "0303 TLS 1.2")
+
+    def test_hello_from_1_3_on(self):
+        self.modern("hello_from_1_3.txt", "1.3", "0304 TLS 1.3")
+
+    def test_hello_to_an_address_names_no_host(self):
+        """A host name extension may not hold an address; nothing else changes."""
+        text = self.hello(rec_tls_min="1.2")
+        named = "  0000 server_name\n    kind 0: receiver.example\n"
+        self.assertNotIn("server_name", text)
+        golden = (GOLDEN / "hello_from_1_2.txt").read_text().split("\n\n", 1)[1]
+        if ssl.OPENSSL_VERSION_INFO[:2] == (3, 0):
+            self.assertEqual(text.splitlines(), golden.replace(named, "").splitlines())
 
 
 if __name__ == "__main__":
