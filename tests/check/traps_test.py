@@ -237,8 +237,23 @@ class HostTraps(Traps):
 
     def test_copytruncate(self):
         self.log("app.log")
-        (self.rules / "app").write_text(f"{self.logs}/app.log {{\n copytruncate\n}}\n")
-        self.assertEqual(self.host_ids(), ["T90"])
+        for rule in (f"{self.logs}/app.log {{\n copytruncate\n}}\n",
+                     f'/srv/other.log\n"{self.logs}/*.log"\n{{\n daily\n copytruncate\n}}\n',
+                     f"copytruncate\n{self.logs.parent}/*/app.* {{\n daily\n}}\n",
+                     f"{self.logs}/new.log{{\n copytruncate\n}}\n"):
+            (self.rules / "app").write_text(rule)
+            with self.subTest(rule):
+                self.assertEqual(self.host_ids(), ["T90"])
+
+    def test_copytruncate_of_other_files(self):
+        self.log("app.log")
+        for rule in (f"{self.logs}/deeper/*.log {{\n copytruncate\n}}\n",
+                     f"{self.logs}/app.txt {{\n copytruncate\n}}\n",
+                     f"{self.logs}/app.log {{\n daily\n}}\n/srv/x.log {{\n copytruncate\n}}\n",
+                     f"{self.logs}/app.log {{\n # copytruncate\n nocopytruncate\n}}\n"):
+            (self.rules / "app").write_text(rule)
+            with self.subTest(rule):
+                self.assertEqual(self.host_ids(), [])
 
     def test_equal_heads(self):
         self.log("a.log", "the same banner in every file\n")

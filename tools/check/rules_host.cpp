@@ -8,7 +8,9 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "filetail/cutter.h"
 #include "filetail/delimiter.h"
@@ -80,6 +82,46 @@ void check_files(const config_text &text, const config_section &section,
     }
 }
 
+/// The paths, as they stand, of the blocks of a rotation rule file that say copytruncate.
+std::vector<std::string> truncated_paths(const std::string &rules) {
+    std::vector<std::string> truncated;
+    std::vector<std::string> paths;  // of the block that is read
+    bool inside = false;
+    bool from_here_on = false;  // said outside a block, it holds for those that follow
+    bool in_this = false;
+    std::istringstream lines(rules);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        for (std::string word; words >> word && word.front() != '#';) {
+            if (word == "copytruncate") (inside ? in_this : from_here_on) = true;
+            if (!inside && word.find('/') != std::string::npos) paths.push_back(word);
+            if (!inside && word.back() == '{') {
+                inside = true;
+                in_this = from_here_on;
+            } else if (inside && word == "}") {
+                if (in_this) truncated.insert(truncated.end(), paths.begin(), paths.end());
+                paths.clear();
+                inside = false;
+            }
+        }
+    }
+    return truncated;
+}
+
+/// Whether a path of a rule, mostly a pattern, stands for files that the section tails.
+bool rotates(std::string rule, const std::string &directory, const std::string &filter) {
+    while (!rule.empty() && (rule.back() == '{' || rule.back() == '"')) rule.pop_back();
+    if (!rule.empty() && rule.front() == '"') rule.erase(0, 1);
+    const auto names = [](const std::string &pattern, const std::string &path) {
+        return fnmatch(pattern.c_str(), path.c_str(), FNM_PATHNAME) == 0;
+    };
+    if (names(rule, directory + filter) || names(directory + filter, rule)) return true;
+    for (const matching_file &file : list_matching(directory, filter)) {
+        if (names(rule, directory + file.name)) return true;
+    }
+    return false;
+}
+
 void check_logrotate_rule(const std::string &path, const config_text &text, report *found) {
     std::ifstream rule(path);
     const std::string bytes{std::istreambuf_iterator<char>(rule), {}};
@@ -89,11 +131,15 @@ void check_logrotate_rule(const std::string &path, const config_text &text, repo
     const bool names_us = bytes.find("siem_collector") != std::string::npos ||
                           bytes.find("siem-collector") != std::string::npos;
     if (signals && names_us) found->add("T89", 0, path);
-    if (bytes.find("copytruncate") == std::string::npos) return;
+    const std::vector<std::string> truncated = truncated_paths(bytes);
     for (const config_section &section : text.sections) {
         const std::string directory = section_directory(text, section);
-        if (!directory.empty() && bytes.find(directory) != std::string::npos) {
+        const std::string filter = section_value(text, section, "ft_filter");
+        if (directory.empty()) continue;
+        for (const std::string &pattern : truncated) {
+            if (!rotates(pattern, directory, filter)) continue;
             found->add("T90", section.number, path);
+            break;
         }
     }
 }
