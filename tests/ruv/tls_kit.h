@@ -1,5 +1,6 @@
 #pragma once
 // A TLS front for scripted Receivers, and certificates made on the spot.
+#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -146,6 +147,8 @@ inline void front(fake::peer &p, const server_options &options, server_log *log,
     sigemptyset(&pipe_signal);
     sigaddset(&pipe_signal, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe_signal, nullptr);
+    const int at_once = 1;
+    setsockopt(p.fd(), IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
     SSL_CTX *context = make_context(options);
     SSL *session = SSL_new(context);
     SSL_set_fd(session, p.fd());
