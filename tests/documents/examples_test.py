@@ -8,6 +8,9 @@ import sys
 import tempfile
 import unittest
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from first_commands import first_commands  # noqa: E402
+
 BIN = pathlib.Path(sys.argv.pop(1))
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DOCUMENTS = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/*.md"), *ROOT.glob("tools/**/*.md")])
@@ -86,6 +89,12 @@ class Examples(unittest.TestCase):
                             with self.subTest(document=document.name, line=line):
                                 self.assertIn(option, self.help[tool])
         self.assertGreater(seen, 5)
+
+    def test_quick_start_tells_the_same_commands(self):
+        installation, commands = first_commands()
+        quick_start = (ROOT / "docs" / "quick-start.md").read_text()
+        told = indented(quick_start.split("\n## ")[0])
+        self.assertEqual(told, [installation, *commands])
 
     def test_named_files_of_the_tree_exist(self):
         for document in DOCUMENTS:
