@@ -36,6 +36,20 @@ int fail(const std::wstring &message) {
     return -1;
 }
 
+// Runs a step of loading and returns its result. What it throws, from the runtime too, is logged
+// and gone before the library may be closed.
+template <class Step>
+int guarded(Step step) {
+    try {
+        return step();
+    } catch (const std::exception &error) {
+        log_error(widen_text(error.what()));
+    } catch (...) {
+        log_error(L"Unexpected exception");
+    }
+    return -1;
+}
+
 // Lets the runtime write through the sinks that this process has registered.
 void connect_logger(IVlrLpcLogger *runtime) {
     const LPCLogger *own = LPCLogger::getLogger();
@@ -75,22 +89,23 @@ int LPCDylibManager::initialize(const std::string &processId, const std::wstring
     if (!callbacks->validationCallback_ || !callbacks->vlrlpcInstalledCallBack_ ||
         !callbacks->vlrlpcUnInstalledCallBack_)
         return fail(L"Invalid callbacks");
-    if (!chooseIdentifier(processId)) return -1;
 
-    m_tmpDirName = tmpDir;
-    m_pserializationFactory.reset(factory ? factory : new (std::nothrow) SerializationFactory);
-    int result = -1;
-    if (m_pserializationFactory) {
+    int result = guarded([&] {
+        if (!chooseIdentifier(processId)) return -1;
+        m_tmpDirName = tmpDir;
+        m_pserializationFactory.reset(factory ? factory : new (std::nothrow) SerializationFactory);
+        if (!m_pserializationFactory) return -1;
         m_pserializationFactory->setArchiveMode(kArchiveMode);
         m_pcallbacks = callbacks;
-        result = loadVlrLpcDll(false);
-    }
+        return loadVlrLpcDll(false);
+    });
     // The agent cannot run without its own runtime.
     if (result == 1 && getLPCIdType(processId) == kAgentId) result = -1;
     if (result != 0) m_processIdentifier.clear();
     if (result == -1) {
         m_pcallbacks = nullptr;
-        if (factory) static_cast<void>(m_pserializationFactory.release());
+        if (m_pserializationFactory.get() == factory)
+            static_cast<void>(m_pserializationFactory.release());
         return -1;
     }
     m_keptCallbacks.reset(callbacks);
@@ -136,6 +151,12 @@ bool LPCDylibManager::readLPCRuntimeLocation() {
 int LPCDylibManager::loadVlrLpcDll(bool reload) {
     std::lock_guard loading(m_loading);
     if (m_vlrLPCDLLHandle) return fail(L"Invalid method call");
+    const int result = guarded([&] { return openLibrary(reload); });
+    if (result != 0 && m_vlrLPCDLLHandle) closeLibrary();
+    return result;
+}
+
+int LPCDylibManager::openLibrary(bool reload) {
     if (!readLPCRuntimeLocation()) {
         if (!reload) return 1;
         return fail(L"Unable to pickup new LPC runtime, please check runtime location");
@@ -151,10 +172,8 @@ int LPCDylibManager::loadVlrLpcDll(bool reload) {
 }
 
 int LPCDylibManager::startRuntime() {
-    if (!findEntryPoints()) {
-        closeLibrary();
+    if (!findEntryPoints())
         return fail(L"Unable to retrieve exported function address from LPC runtime");
-    }
     LPCLogger::getLogger()->logInfo(kModule,
                                     (L"Successfully loaded LPC runtime " + m_libPath).c_str());
     const auto get_logger =
@@ -163,17 +182,16 @@ int LPCDylibManager::startRuntime() {
 
     if (m_fptrInitializeLPCLib(m_processIdentifier.c_str(), m_tmpDirName.c_str(),
                                m_pserializationFactory.get(), m_pcallbacks,
-                               ServicesCrossObjectFactory::instance()) != 0) {
-        closeLibrary();
+                               ServicesCrossObjectFactory::instance()) != 0)
         return -1;
-    }
     if (!m_unitTestingOnly && m_fptrEnableLPCLib() != 0) {
         m_fptrDeinitializeLPCLib();
-        closeLibrary();
         return -1;
     }
+    // Asked before the lock is taken, which the runtime could come for on this thread.
+    IVlrLpcFactory *const factory = m_fptrGetVlrLpcFactory();
     std::lock_guard guard(m_guard);
-    m_pvlrLpcfactory = m_fptrGetVlrLpcFactory();
+    m_pvlrLpcfactory = factory;
     m_isVlrLpcAvailable.store(true, std::memory_order_relaxed);
     return 0;
 }
@@ -227,11 +245,12 @@ void LPCDylibManager::announceRuntime() {
         m_pcallbacks->vlrlpcInstalledCallBack_();
 }
 
-IVlrLpcFactory *LPCDylibManager::borrow() {
+bool LPCDylibManager::borrow(IVlrLpcFactory **factory) {
     std::lock_guard guard(m_guard);
-    if (!m_isVlrLpcAvailable.load(std::memory_order_relaxed) || !m_pvlrLpcfactory) return nullptr;
+    if (!m_isVlrLpcAvailable.load(std::memory_order_relaxed)) return false;
     m_loans++;
-    return m_pvlrLpcfactory;
+    *factory = m_pvlrLpcfactory;
+    return true;
 }
 
 void LPCDylibManager::endLoan() {
@@ -242,9 +261,9 @@ void LPCDylibManager::endLoan() {
 template <class T>
 T *LPCDylibManager::make(const ObjectRequest &request) {
     // The factory stays until the loan ends, also when unloading has begun meanwhile.
-    IVlrLpcFactory *const factory = borrow();
-    if (!factory) return nullptr;
-    IVlrLpcObject *object = factory->createObject(request);
+    IVlrLpcFactory *factory = nullptr;
+    if (!borrow(&factory)) return nullptr;
+    IVlrLpcObject *object = factory ? factory->createObject(request) : nullptr;
     if (T *wanted = dynamic_cast<T *>(object)) return wanted;
     if (object) factory->destroyObject(object);
     endLoan();
@@ -309,7 +328,8 @@ ISerializationFactory *LPCDylibManager::getSerializationFactory() {
 }
 
 unsigned LPCDylibManager::createAsyncResultId() {
-    if (!borrow()) return 0;
+    IVlrLpcFactory *unused = nullptr;
+    if (!borrow(&unused)) return 0;
     const unsigned id = m_fptrCreateAsyncResultId();
     endLoan();
     return id;

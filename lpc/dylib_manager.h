@@ -1,6 +1,5 @@
 // Finds, loads and initialises the agent's runtime library, and hands out the objects that it
-// makes. Every failure is logged under the module "LPCDLLManager" and reported by the result;
-// nothing is thrown to the caller.
+// makes. Failures are logged under "LPCDLLManager" and reported by the result; nothing is thrown.
 //
 // Loading and unloading exclude each other. The getters may be called on any thread and at any
 // time: unloading first makes them fail and then waits for the objects that are still out.
@@ -37,7 +36,7 @@ class LPCDylibManager {
     /// Unloads without telling anyone.
     void deinitialize() { unloadVlrLpcDll(false); }
 
-    /// Loads with the identifier of initialize(); with `reload` a missing runtime is a failure.
+    /// Loads with the identifier of initialize(); with `reload` a missing location is a failure.
     /// Returns as initialize().
     int loadVlrLpcDll(bool reload);
     /// Does nothing when no runtime is loaded. `notify`: calls the uninstalled callback.
@@ -64,10 +63,11 @@ class LPCDylibManager {
   private:
     bool chooseIdentifier(const std::string &processId);
     bool readLPCRuntimeLocation();
+    int openLibrary(bool reload);
     bool findEntryPoints();
     int startRuntime();
     void closeLibrary();
-    IVlrLpcFactory *borrow();
+    bool borrow(IVlrLpcFactory **factory);
     void endLoan();
     void giveBack(IVlrLpcObject *object);
     template <class T>

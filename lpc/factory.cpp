@@ -7,7 +7,6 @@ namespace velmor_com::NQ::LPC {
 namespace {
 
 constexpr wchar_t kModule[] = L"LPC";
-constexpr wchar_t kHelperModule[] = L"LPCUtilityAPI";
 
 std::nullptr_t fail(const wchar_t *why) {
     Services::LPCLogger::getLogger()->logError(kModule, why);
@@ -15,11 +14,6 @@ std::nullptr_t fail(const wchar_t *why) {
 }
 
 }  // namespace
-
-std::nullptr_t refuse_object(const wchar_t *why) {
-    Services::LPCLogger::getLogger()->logError(kHelperModule, why);
-    return nullptr;
-}
 
 LPCFactory *LPCFactory::instance() {
     // Never destroyed: the factories live until the process ends, and so does their registry.

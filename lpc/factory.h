@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "lpc/interface.h"
-#include "lpc/logger.h"
+#include "lpc/make_object.h"
 #include "lpc/vlr_runtime.h"
 
 namespace velmor_com::NQ::LPC {
@@ -24,16 +24,11 @@ class ILPCFactory {
     virtual ILPCInterface *createObject(IServiceAdaptor *adaptor, const char *provider) = 0;
 };
 
-/// Logs an error of the registration helpers and returns null.
-std::nullptr_t refuse_object(const wchar_t *why);
-
 template <class T>
 class StdFactory : public ILPCFactory {  // makes client proxies
   public:
     ILPCInterface *createObject(const char *provider) override {
-        if (!provider) return refuse_object(L"Invalid arguments");
-        T *object = new (std::nothrow) T(provider);
-        return object ? object : refuse_object(L"Memory allocation failure");
+        return provider ? make_object<T>(provider) : refuse_object(L"Invalid arguments");
     }
     ILPCInterface *createObject(IServiceAdaptor *, const char *) override { return nullptr; }
 };
@@ -44,8 +39,7 @@ class StdFactory2 : public ILPCFactory {  // makes in-process adaptors
     ILPCInterface *createObject(const char *) override { return nullptr; }
     ILPCInterface *createObject(IServiceAdaptor *adaptor, const char *provider) override {
         if (!adaptor || !provider) return refuse_object(L"Invalid arguments");
-        T *object = new (std::nothrow) T(adaptor, provider);
-        return object ? object : refuse_object(L"Memory allocation failure");
+        return make_object<T>(adaptor, provider);
     }
 };
 
@@ -84,10 +78,11 @@ void configureLPCFactory(const char *processId);
 
 /// Makes the factory for T and registers it: T says itself whether it is an in-process adaptor.
 template <class T>
-bool factoryRegHelper(const char *interfaceId) {
+bool factoryRegHelper(const char *interfaceId) try {
     using Factory = std::conditional_t<T::kInProcess, StdFactory2<T>, StdFactory<T>>;
-    ILPCFactory *factory = new (std::nothrow) Factory;
-    if (factory) return registerInFactory(interfaceId, factory, T::kInProcess);
+    ILPCFactory *const factory = make_object<Factory>();
+    return factory && registerInFactory(interfaceId, factory, T::kInProcess);
+} catch (const std::bad_alloc &) {
     refuse_object(L"Memory allocation failure");
     return false;
 }

@@ -20,8 +20,8 @@ void deinitializeLPC();
 /// Unloads the runtime and calls the uninstalled callback. Not on a thread of the runtime.
 void unloadLPCRuntime();
 
-/// Loads the runtime again after it was replaced. Returns 0, or -1 on failure. Not on a thread of
-/// the runtime.
+/// Loads the runtime again after it was replaced. Returns 0; 1 when the library is gone from the
+/// place that the agent names; -1 on any other failure. Not on a thread of the runtime.
 int loadNewLPCRuntime();
 
 }  // namespace velmor_com::NQ::LPC

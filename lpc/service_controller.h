@@ -21,7 +21,7 @@ class LPCServiceController {
         ILPCRepository *repository = manager->getLPCRepository();
         if (!repository)
             return refuse(L"Unable to access LPC repository, please check LPC runtime");
-        const bool published = publish(repository, servant) || refuse(L"Memory allocation failure");
+        const bool published = publish(repository, servant);
         manager->releaseLPCRepository(repository);
         return published;
     }
@@ -29,11 +29,11 @@ class LPCServiceController {
   private:
     // Nothing is thrown to the threads of the runtime.
     static bool publish(ILPCRepository *repository, T *servant) try {
-        auto *adaptor = new (std::nothrow) Adaptor<typename T::Interface>(servant);
+        auto *const adaptor = make_object<Adaptor<typename T::Interface>>(servant);
         if (adaptor) repository->registerAdaptor(servant->getInterfaceId().c_str(), adaptor);
         return adaptor != nullptr;
     } catch (const std::bad_alloc &) {
-        return false;
+        return refuse(L"Memory allocation failure");
     }
 
     static bool refuse(const wchar_t *why) {

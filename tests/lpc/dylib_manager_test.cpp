@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <stdexcept>
+#include <utility>
 
 #include "lpc/wide_text.h"
 #include "tests/lpc/log_capture.h"
@@ -34,6 +36,13 @@ class WatchedFactory : public SerializationFactory {
 
   private:
     int *const m_deleted;
+};
+
+// One that cannot take its mode.
+class RefusingFactory : public WatchedFactory {
+  public:
+    using WatchedFactory::WatchedFactory;
+    void setArchiveMode(unsigned short) override { throw std::runtime_error("no such mode"); }
 };
 
 class Loader : public testing::Test {
@@ -255,6 +264,18 @@ TEST_F(Loader, ARuntimeThatFailsIsUnloaded) {
         EXPECT_EQ(manager->getLPCRepository(), nullptr);
     }
     folder.write("faults", "");
+    EXPECT_EQ(initialize(), 0);
+    manager->deinitialize();
+}
+
+TEST_F(Loader, AnExceptionIsAFailureThatCanBeMended) {
+    install();
+    delete std::exchange(factory, new RefusingFactory(&factory_deleted));
+    factory_deleted = 0;
+    EXPECT_EQ(initialize(), -1);
+    EXPECT_EQ(log.all(), (std::vector<LogCapture::Line>{{kErrorLine, L"no such mode"}}));
+    expect_caller_owns();
+    delete std::exchange(factory, new WatchedFactory(&factory_deleted));
     EXPECT_EQ(initialize(), 0);
     manager->deinitialize();
 }

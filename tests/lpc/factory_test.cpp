@@ -9,6 +9,42 @@
 #include "tests/lpc/test_services.h"
 
 namespace velmor_com::NQ::LPC {
+
+// Objects for which there is no memory, or none for what they hold.
+class NoRoom : public IPropertyCollection_Client_Impl {
+  public:
+    explicit NoRoom(const char *provider) : IPropertyCollection_Client_Impl(provider) {}
+    NoRoom(IServiceAdaptor *, const char *provider) : NoRoom(provider) {}
+    static void *operator new(size_t, const std::nothrow_t &) noexcept { return nullptr; }
+    static void operator delete(void *object) { ::operator delete(object); }
+};
+
+class NoRoomInside : public IPropertyCollection_Client_Impl {
+  public:
+    explicit NoRoomInside(const char *provider) : IPropertyCollection_Client_Impl(provider) {
+        throw std::bad_alloc();
+    }
+    NoRoomInside(IServiceAdaptor *, const char *provider) : NoRoomInside(provider) {}
+};
+
+struct IUnpublished : public ILPCInterface {
+    static constexpr char kInterfaceId[] = "IUnpublished";
+};
+
+struct Unpublished : public Servant<IUnpublished> {
+    bool isRunning() override { return false; }
+    bool abort() override { return false; }
+};
+
+template <>
+class Adaptor<IUnpublished> : public IServiceAdaptor {
+  public:
+    explicit Adaptor(IUnpublished *) {}
+    static void *operator new(size_t, const std::nothrow_t &) noexcept { return nullptr; }
+    static void operator delete(void *object) { ::operator delete(object); }
+    int dispatch(IObjectConnector *) override { return 0; }
+};
+
 namespace {
 
 using Object = std::unique_ptr<ILPCInterface>;
@@ -77,6 +113,20 @@ TEST(Factory, EachFactoryMakesItsKindOnly) {
     EXPECT_EQ(log.all(), (std::vector<LogCapture::Line>(3, {kErrorLine, L"Invalid arguments"})));
     const Object made(servant.createObject(&adaptor, "P"));
     EXPECT_NE(made, nullptr);
+}
+
+TEST(Factory, AShortMemoryIsAnErrorLineAndNothing) {
+    LogCapture log;
+    Adaptor_IPropertyCollection adaptor(new TestProperties);
+    EXPECT_EQ(StdFactory<NoRoom>().createObject("P"), nullptr);
+    EXPECT_EQ(StdFactory2<NoRoom>().createObject(&adaptor, "P"), nullptr);
+    EXPECT_EQ(StdFactory<NoRoomInside>().createObject("P"), nullptr);
+    EXPECT_EQ(StdFactory2<NoRoomInside>().createObject(&adaptor, "P"), nullptr);
+    Unpublished servant;
+    EXPECT_FALSE(LPCServiceController<Unpublished>::runService(&servant));
+    EXPECT_EQ(log.all(),
+              (std::vector<LogCapture::Line>(5, {kErrorLine, L"Memory allocation failure"})));
+    EXPECT_EQ(create("IUnpublished", kOwnId), nullptr);
 }
 
 }  // namespace
