@@ -87,8 +87,9 @@ class Packages:
         self._add_declared()
         self._run_rules()
         self._unite()
-        self.unclaimed = sorted(str(file) for file in self._files(self._built)
-                                if file not in self._taken)
+        self.unclaimed = sorted(
+            str(file.relative_to(self._built)) for file in self._files(self._built)
+            if file not in self._taken)
 
     def _install(self):
         """The install step of a build for packages. Only its configuration is made: what it would
