@@ -35,6 +35,9 @@ struct own_record {
 };
 thread_local own_record mine{nullptr, 0};
 
+/// The configured Receiver has answered as one of version 6 since the last start or restart.
+std::atomic<bool> seen_version_6{false};
+
 /// Start-up and restart wait for the Receiver while the workers are paused; only a stop ends that.
 thread_local bool starting_up = false;
 
@@ -88,6 +91,24 @@ bool make_handle(config *c, std::string *reason) {
     return true;
 }
 
+/// True when the handle has learned that its Receiver takes version-6 records.
+bool speaks_version_6(RUVConn *conn) {
+    void *record = RUVAllocData(conn, kSyslogType, 6, 0);
+    if (record == nullptr) return false;
+    RUVFreeData(record);
+    return true;
+}
+
+/// A Receiver that dies or stalls amid the probe looks like one of the older generation, which
+/// cannot confirm. One that is known to be able to must not be talked to as if it were not.
+bool hides_its_generation(config *c) {
+    if (speaks_version_6(c->ruvconn)) {
+        seen_version_6.store(true, std::memory_order_relaxed);
+        return false;
+    }
+    return c->rec_confirm > 0 && seen_version_6.load(std::memory_order_relaxed);
+}
+
 /// Opens the handle. One that does not exist is made first.
 bool open_handle(config *c, std::string *reason) {
     if (c->ruvconn == nullptr && !make_handle(c, reason)) return false;
@@ -95,15 +116,12 @@ bool open_handle(config *c, std::string *reason) {
         *reason = error_text(c->ruvconn, ruverrno);
         return false;
     }
+    if (hides_its_generation(c)) {
+        *reason = "no answer of version 6, which rec_confirm needs";
+        link_free(c);
+        return false;
+    }
     opened_connections.fetch_add(1, std::memory_order_relaxed);
-    return true;
-}
-
-/// True when the handle has learned that its Receiver takes version-6 records.
-bool speaks_version_6() {
-    void *record = RUVAllocData(conf.ruvconn, kSyslogType, 6, 0);
-    if (record == nullptr) return false;
-    RUVFreeData(record);
     return true;
 }
 
@@ -119,6 +137,7 @@ void link_close() {
 
 bool link_start(config *c, std::string *reason) {
     starting_up = true;
+    seen_version_6.store(false, std::memory_order_relaxed);
     const bool open = open_handle(c, reason);
     starting_up = false;
     return open;
@@ -137,7 +156,7 @@ bool link_legacy_tls(const config *c) {
 
 bool link_reopen(std::string *reason) {
     link_close();
-    if (conf.ruvconn != nullptr && !speaks_version_6()) link_free(&conf);
+    if (conf.ruvconn != nullptr && !speaks_version_6(conf.ruvconn)) link_free(&conf);
     const bool made_anew = conf.ruvconn == nullptr;
     if (!open_handle(&conf, reason)) return false;
     if (made_anew && g_args.autolearn) RUVEnableAutoLearn(conf.ruvconn);
