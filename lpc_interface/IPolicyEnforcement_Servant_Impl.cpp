@@ -5,6 +5,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "config/conf.h"
 #include "core/args.h"
@@ -22,6 +23,16 @@ using Sections = manageability::Lpc_MultipleSectionsHandle;
 // Held over a whole enforcement: the maps of the rules and the file belong to one at a time, and
 // the next must compare with what this one has written.
 std::mutex enforcement_lock;
+
+// A runtime may serve a call on the very thread that waits for the agent's answer.
+thread_local bool enforcing = false;
+
+struct EnforcingOnThisThread {
+    EnforcingOnThisThread() { enforcing = true; }
+    ~EnforcingOnThisThread() { enforcing = false; }
+    EnforcingOnThisThread(const EnforcingOnThisThread &) = delete;
+    EnforcingOnThisThread &operator=(const EnforcingOnThisThread &) = delete;
+};
 
 struct FreePairs {
     void operator()(key_value_pair_spec *pairs) const { conf_teardown_key_value_pair(pairs); }
@@ -121,7 +132,6 @@ void enforce(const std::wstring &softwareid, IPolicyDataAccessor *accessor) {
 }  // namespace
 
 IPolicyEnforcement_Servant_Impl::IPolicyEnforcement_Servant_Impl() {
-    std::lock_guard guard(enforcement_lock);
     fill_config_entry_map();
 }
 
@@ -132,13 +142,20 @@ bool IPolicyEnforcement_Servant_Impl::enforcePolicy(const std::wstring &software
         logger(kLogError, "accessor object null");
         return true;
     }
+    if (enforcing) {
+        logger(kLogError, "Policy not enforced: it came while another one was being read");
+        return true;
+    }
     std::lock_guard guard(enforcement_lock);
+    const EnforcingOnThisThread here;
     try {
         enforce(softwareid, paccessor);
     } catch (const std::exception &error) {
         logger(kLogError, "Exception in Policy Enforcement: %s", error.what());
     } catch (const char *text) {
         logger(kLogError, "Exception in Policy Enforcement: %s", text);
+    } catch (const std::string &text) {
+        logger(kLogError, "Exception in Policy Enforcement: %s", text.c_str());
     } catch (...) {
         logger(kLogError, "Unexpected exception in Policy Enforcement");
     }

@@ -6,7 +6,8 @@
 
 namespace velmor_com::NQ::LPC {
 
-/// Holds no state of its own; any thread. Enforcements run one after another.
+/// Holds no state of its own; any thread. Enforcements run one after another; one that a thread is
+/// asked for in the midst of its own is refused with an ERROR line.
 class IPolicyEnforcement_Servant_Impl : public IPolicyEnforcement_S {
   public:
     /// Fills the map of setting names.

@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <memory>
+#include <string>
 
 #include "config/conf.h"
 #include "core/args.h"
@@ -49,9 +50,11 @@ bool IPropertyCollection_Servant_Impl::collectProperties(
         collect(sections);
     } catch (const std::exception &error) {
         logger(kLogInfo, "Exception in Property Collection: %s", error.what());
+        // Kept: the spelling of these two lines, searches in old logs know it.
     } catch (const char *text) {
-        // Kept: the spelling of this one line, searches in old logs know it.
         logger(kLogInfo, "Exeception in Property Collection: %s", text);
+    } catch (const std::string &text) {
+        logger(kLogInfo, "Exeception in Property Collection: %s", text.c_str());
     } catch (...) {
         logger(kLogInfo, "Unexpected exception in Property Collection");
     }

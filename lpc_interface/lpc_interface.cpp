@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <new>
 #include <string>
 
@@ -87,7 +86,7 @@ bool run_service() try {
     // Kept: the servant of a failed start is neither deleted nor kept, since a runtime that took it
     // half way may still hold it.
     return LPC::LPCServiceController<ServantImpl>::runService(new (std::nothrow) ServantImpl);
-} catch (const std::exception &) {
+} catch (...) {
     return false;
 }
 

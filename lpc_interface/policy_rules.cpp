@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string_view>
 
@@ -13,6 +14,9 @@ setting_map config_entry_map;
 std::map<std::wstring, setting_map> plugin_map;
 
 namespace {
+
+// Servants may be made while a policy is enforced, and each fills the map of names.
+std::mutex entry_map_lock;
 
 constexpr wchar_t kPluginKey[] = L"type";
 constexpr wchar_t kFilePrefix[] = L"File";
@@ -94,6 +98,7 @@ bool is_setting(const key_value_pair &entry) {
 }
 
 std::wstring look_up_key(const std::wstring &policy_name) {
+    std::lock_guard guard(entry_map_lock);
     const auto row = config_entry_map.find(policy_name);
     if (row != config_entry_map.end()) return row->second;
     if (config_entry_map.size() < kMaxNames) config_entry_map[policy_name];
@@ -166,6 +171,7 @@ int change_line(key_value_pair *entry, const std::wstring &key, const std::wstri
 }  // namespace
 
 void fill_config_entry_map() {
+    std::lock_guard guard(entry_map_lock);
     for (const EntryRow &row : kEntryRows) config_entry_map[row.policy_name] = row.key;
 }
 

@@ -1,6 +1,6 @@
 // How a policy setting becomes a change of the configuration file: pure rules over the parsed file
-// (config/conf.h), no file and no lock. The two maps are the state of one enforcement; whoever
-// calls anything here sees to it that enforcements do not overlap.
+// (config/conf.h) and no file. The two maps are the state of one enforcement; whoever calls
+// anything here but fill_config_entry_map() sees to it that enforcements do not overlap.
 #pragma once
 
 #include <map>
@@ -17,7 +17,7 @@ extern setting_map config_entry_map;
 /// Section name to the keys and values of a plugin section that is to be written out whole.
 extern std::map<std::wstring, setting_map> plugin_map;
 
-/// Puts the eight known names into config_entry_map.
+/// Puts the eight known names into config_entry_map. Any thread, at any time.
 void fill_config_entry_map();
 
 /// Number of plugin sections of the parsed file.

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -21,6 +22,7 @@ class Agent : public IPolicyDataAccessor_S {
 
     bool getPolicyObjectContainer(const std::wstring &softwareid, Objects &objects) override {
         asked_for = softwareid;
+        if (meanwhile) meanwhile();
         switch (fault) {
             case 'n':
                 return false;
@@ -28,6 +30,8 @@ class Agent : public IPolicyDataAccessor_S {
                 throw std::runtime_error("the agent is gone");
             case 's':
                 throw "a word of the agent";
+            case 'S':
+                throw std::string("words of the agent");
             case 'x':
                 throw 7;
         }
@@ -48,6 +52,7 @@ class Agent : public IPolicyDataAccessor_S {
 
     std::vector<Sections> setting_objects{1};
     std::wstring asked_for;
+    std::function<void()> meanwhile;
     char fault = ' ';
 };
 
@@ -179,6 +184,7 @@ TEST_F(Enforcement, ExceptionsEndThePolicyOnly) {
     } rows[] = {
         {'e', "(ERROR) Exception in Policy Enforcement: the agent is gone\n"},
         {'s', "(ERROR) Exception in Policy Enforcement: a word of the agent\n"},
+        {'S', "(ERROR) Exception in Policy Enforcement: words of the agent\n"},
         {'x', "(ERROR) Unexpected exception in Policy Enforcement\n"},
     };
     for (const auto &row : rows) {
@@ -232,6 +238,30 @@ TEST_F(Enforcement, UserPoliciesAreNotLookedAt) {
     EXPECT_FALSE(servant.isRunning());
     EXPECT_FALSE(servant.abort());
     EXPECT_EQ(servant.getInterfaceId(), "IPolicyEnforcement");
+}
+
+// The thread that waits for the agent may be given whatever the agent wants meanwhile.
+TEST_F(Enforcement, OneThreadEnforcesOneAtATime) {
+    const ConfigFile file(kFile);
+    Agent other;
+    other.setting_objects.back().insert(L"LOGRELAY1000", L"Receiver IP", L"10.0.0.1");
+    agent.meanwhile = [&] {
+        IPolicyEnforcement_Servant_Impl made_meanwhile;
+        EXPECT_TRUE(made_meanwhile.enforcePolicy(L"LOGRELAY1000", &other));
+    };
+    add(L"LOGRELAY1000", L"Encryption", L"true");
+    EXPECT_EQ(count_of(enforce(),
+                       "(ERROR) Policy not enforced: it came while another one was being read\n"),
+              1);
+    EXPECT_EQ(other.asked_for, L"");
+    EXPECT_EQ(restarted(), 1);
+    EXPECT_EQ(count_of(file.text(), "rec_ip=192.0.2.1\nrec_encrypt=1\n"), 1) << file.text();
+    enforce(&other);  // now it may
+    EXPECT_EQ(count_of(file.text(), "rec_ip=10.0.0.1\nrec_encrypt=1\n"), 1) << file.text();
+}
+
+TEST_F(Enforcement, AServantHoldsNothing) {
+    EXPECT_EQ(sizeof(servant), sizeof(void *));
 }
 
 TEST_F(Enforcement, EnforcementsDoNotOverlap) {

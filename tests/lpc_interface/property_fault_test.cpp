@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <stdexcept>
+#include <string>
 
 #include "config/conf.h"
 #include "lpc_interface/IPropertyCollection_Servant_Impl.h"
@@ -39,6 +40,7 @@ TEST(PropertyFault, WhateverIsThrownTheCollectionSucceeds) {
         {[] { throw std::runtime_error("no more"); },
          "(INFO) Exception in Property Collection: no more\n"},
         {[] { throw "a word"; }, "(INFO) Exeception in Property Collection: a word\n"},
+        {[] { throw std::string("words"); }, "(INFO) Exeception in Property Collection: words\n"},
         {[] { throw 7; }, "(INFO) Unexpected exception in Property Collection\n"},
         {[] {}, ""},
     };

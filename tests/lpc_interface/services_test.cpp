@@ -66,6 +66,7 @@ TEST(PropertyCollection, AnySoftwareExists) {
     EXPECT_FALSE(servant.isRunning());
     EXPECT_FALSE(servant.abort());
     EXPECT_EQ(servant.getInterfaceId(), "IPropertyCollection");
+    EXPECT_EQ(sizeof(servant), sizeof(void *));
 }
 
 TEST(UpdateCallback, ProductInformation) {
@@ -105,6 +106,7 @@ TEST(UpdateCallback, NoticesAreOnlyLogged) {
     EXPECT_FALSE(servant.isRunning());
     EXPECT_FALSE(servant.abort());
     EXPECT_EQ(servant.getInterfaceId(), "IUpdateCallback");
+    EXPECT_EQ(sizeof(servant), sizeof(void *));
 }
 
 }  // namespace
