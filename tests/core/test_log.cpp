@@ -238,6 +238,22 @@ TEST_F(LogFile, AMaskedMessageEmptiesItAsWell) {
     });
 }
 
+TEST_F(LogFile, TheShellFirstTakesOutAThousandLines) {
+    const std::string bin = dir / "bin", calls = dir / "calls";
+    std::filesystem::create_directory(bin);
+    for (const std::string name : {"/sed", "/mv"}) {
+        write_file(bin + name, "#!/bin/sh\necho \"${0##*/} $*\" >> '" + calls + "'\n");
+        std::filesystem::permissions(bin + name, std::filesystem::perms::owner_all);
+    }
+    logged([&] {
+        setenv("PATH", (bin + ":/usr/bin:/bin").c_str(), 1);
+        if (truncate(path.c_str(), kLimit) != 0) _exit(2);
+        logger(kLogInfo, "x");
+        if (size() != 0) _exit(3);
+    });
+    EXPECT_EQ(read_file(calls), "sed 1,1000d " + path + "\nmv " + path + ".tmp " + path + "\n");
+}
+
 TEST_F(LogFile, WhatStandsAtTheTemporaryNameIsNeitherFollowedNorWaitedFor) {
     const std::string target = dir / "target", plant = path + ".tmp";
     write_file(target, "precious");
