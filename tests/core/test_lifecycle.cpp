@@ -45,9 +45,13 @@ void act(std::function<void()> &action) {
 
 }  // namespace
 
-// lifecycle.cpp is built against this name: the real lock file belongs to the machine.
+// lifecycle.cpp is built against these names: the real lock file belongs to the machine.
 void obtain_test_lockfile() {
     note("lock");
+}
+
+void release_test_lockfile() {
+    note(g_args.conf_file ? "unlock" : "unlock after the arguments were freed");
 }
 
 int ruv_init(config *) {
@@ -56,8 +60,8 @@ int ruv_init(config *) {
     return 0;
 }
 
-void ruv_teardown(config *) {
-    note("ruv_teardown");
+void ruv_teardown(config *c) {
+    note(c->bm_dir ? "ruv_teardown" : "ruv_teardown after the configuration was freed");
 }
 
 void bookmark_teardown() {
@@ -71,7 +75,7 @@ int init_lpc(void (*log)(int, const wchar_t *)) {
 }
 
 void deinit_lpc() {
-    note("deinit_lpc");
+    note(conf.bm_dir ? "deinit_lpc before the configuration was freed" : "deinit_lpc");
     act(in_deinit_lpc);
 }
 
@@ -144,7 +148,8 @@ struct Lifecycle : testing::Test {
 constexpr char kShutdown[] =
     "plugin_shutdown_all 15 in state 2\n"
     "ruv_teardown\n"
-    "deinit_lpc\n";
+    "deinit_lpc\n"
+    "unlock\n";
 
 TEST_F(Lifecycle, EverythingIsCalledInItsOrder) {
     write_conf();
@@ -219,7 +224,8 @@ TEST_F(Lifecycle, WithoutABookmarkDirectoryNothingIsStarted) {
               "(ERROR) Error: could not create directory for bookmark storage.\n"
               "plugin_shutdown_all 0 in state 2\n"
               "ruv_teardown\n"
-              "deinit_lpc\n");
+              "deinit_lpc\n"
+              "unlock\n");
 }
 
 TEST_F(Lifecycle, AMissingKeyForTheBookmarkDirectoryIsTheSame) {
@@ -232,6 +238,12 @@ TEST_F(Lifecycle, AnUnreadableConfigurationEndsTheStart) {
     EXPECT_EQ(life.status, 100);
     EXPECT_EQ(life.out, "lock\nError: Failed to open conf file " + conf_path +
                             " with error 2(No such file or directory)\n");
+}
+
+TEST_F(Lifecycle, InvalidArgumentsEndItBeforeTheLock) {
+    const child_result life = live([] {}, {"-t", "0"});
+    EXPECT_EQ(life.status, 1);
+    EXPECT_THAT(life.out, testing::StartsWith("timeout-retry value invalid\n\nusage: "));
 }
 
 TEST_F(Lifecycle, TheCommandLinesLevelWinsOverTheFiles) {
@@ -448,6 +460,7 @@ TEST(Detaching, ByHandMakesASessionInTheRoot) {
         daemonize_me();
         const mode_t mask = umask(0);
         const bool right = getsid(0) == getpid() && mask == 0 && fcntl(0, F_GETFD) < 0 &&
+                           fcntl(1, F_GETFD) >= 0 && fcntl(2, F_GETFD) >= 0 &&
                            std::filesystem::current_path() == "/";
         write_file(result + ".new", right ? "right" : "wrong");
         std::filesystem::rename(result + ".new", result);

@@ -106,10 +106,12 @@ TEST(CreateDir, MakesAllParents) {
     const mode_t before = umask(022);
     EXPECT_EQ(create_dirx((dir / "a/b/c").c_str()), 0);
     umask(before);
-    struct stat info;
-    ASSERT_EQ(stat((dir / "a/b/c").c_str(), &info), 0);
-    EXPECT_TRUE(S_ISDIR(info.st_mode));
-    EXPECT_EQ(info.st_mode & 07777, 0755u);
+    for (const char *made : {"a", "a/b", "a/b/c"}) {
+        struct stat info;
+        ASSERT_EQ(stat((dir / made).c_str(), &info), 0) << made;
+        EXPECT_TRUE(S_ISDIR(info.st_mode)) << made;
+        EXPECT_EQ(info.st_mode & 07777, 0755u) << made;
+    }
 }
 
 TEST(CreateDir, WhateverExistsIsASuccess) {
