@@ -141,6 +141,8 @@ TEST_F(Args, LaterOptionsWinAndOtherWordsAreIgnored) {
 TEST_F(Args, TextBehindANumberIsIgnored) {
     parse({"-t", "12abc"});
     EXPECT_EQ(g_args.timeout_retry, 12);
+    parse({"-t", "010"});
+    EXPECT_EQ(g_args.timeout_retry, 10);
     parse({"-t", "99999999999"});
     EXPECT_EQ(g_args.timeout_retry, INT32_MAX);
 }
@@ -155,7 +157,7 @@ TEST_F(Args, TheUsageShowsTheDefaultsAndNotWhatWasParsed) {
 }
 
 TEST_F(Args, InvalidNumbers) {
-    for (const char *number : {"0", "-5", "abc", ""}) {
+    for (const char *number : {"0", "-5", "abc", "", "0x10"}) {
         expect_usage({"-t", number}, "timeout-retry value invalid\n\n");
         expect_usage({"-s", number}, "timeout-sleep value invalid\n\n");
         expect_usage({"-r", number}, "query-retry value invalid\n\n");

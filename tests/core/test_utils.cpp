@@ -182,8 +182,10 @@ TEST_F(LockFile, IsMadeForUsAloneAndStaysEmpty) {
 
 TEST_F(LockFile, ASecondHolderIsRefused) {
     const int holder = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    ASSERT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
-    expect_refusal("Lock File is Locked\n");
+    for (const int kind : {LOCK_EX, LOCK_SH}) {
+        ASSERT_EQ(flock(holder, kind | LOCK_NB), 0);
+        expect_refusal("Lock File is Locked\n");
+    }
     ASSERT_EQ(flock(holder, LOCK_UN), 0);
     EXPECT_EQ(take().status, 0);
     close(holder);
