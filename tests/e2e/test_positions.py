@@ -238,7 +238,7 @@ class Positions(DaemonTest):
     def test_own_log_and_bookmarks_are_not_tailed(self):
         receiver = self.receiver()
         self.log_path = self.input / "collector.log"
-        self.bookmarks = self.input
+        self.bookmarks = self.daemon_writes(self.input)
         self.configure(receiver.port, {"ft_filter": "*"})
         self.write("a.txt", self.numbered(1, 10, WIDTH))
         daemon = self.start()

@@ -6,7 +6,7 @@ import subprocess
 from pathlib import Path
 
 import kit_path  # noqa: F401
-from daemon_kit import BUILD, DaemonTest, main, private_command, wait_for
+from daemon_kit import BUILD, DaemonTest, daemon_command, main, wait_for
 
 WIDTH = 40
 TRIM_AT = 10_485_760
@@ -59,7 +59,7 @@ class Process(DaemonTest):
         first = self.start()
         first.wait_log("program arguments")
         log = self.log_path
-        self.log_path = self.folder / "second.log"
+        self.log_path = self.log_path.with_name("second.log")
         second = self.start(wait=False)
         self.assertEqual(second.wait(), 1)
         self.assertIn("Lock File is Locked\n", second.err.read_text())
@@ -193,7 +193,7 @@ class Process(DaemonTest):
         daemon.stop()
         self.assertNotIn("####", daemon.log())
         self.assertNotIn("%%%%", daemon.log())
-        self.assertFalse((self.folder / "collector.log.tmp").exists())
+        self.assertFalse(self.log_path.with_name("collector.log.tmp").exists())
 
     def find_daemon(self):
         """The process whose command line names our configuration."""
@@ -217,10 +217,12 @@ class Process(DaemonTest):
         pid = self.find_daemon()
         self.assertIsNotNone(pid)
         try:
-            # The files themselves: in a changed root their names are others.
+            # The files themselves: in a changed root their names are others, and a /dev of the
+            # daemon's own has the same device under another inode.
             self.assertTrue(os.path.samefile(f"/proc/{pid}/cwd", "/"))
             for fd in (0, 1):
-                self.assertTrue(os.path.samefile(f"/proc/{pid}/fd/{fd}", "/dev/null"))
+                self.assertEqual(os.stat(f"/proc/{pid}/fd/{fd}").st_rdev,
+                                 os.stat("/dev/null").st_rdev)
             # The lock went over to the process that stays.
             second = self.start("-l", "info", wait=False)
             self.assertEqual(second.wait(), 1)
@@ -245,7 +247,7 @@ class Process(DaemonTest):
         receiver = self.receiver()
         self.configure(receiver.port)
         self.write("a.log", self.numbered(1, 10, WIDTH))
-        command = private_command(self.private) + [
+        command = daemon_command(self) + [
             "sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", str(BUILD / "bin/velmor_siem_collector"),
             "-c", str(self.conf_path)]
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, cwd=self.folder)

@@ -2,9 +2,12 @@
 private /etc, and the command that plays the agent.
 """
 import json
+import os
 import subprocess
+from pathlib import Path
 
 import kit_path  # noqa: F401
+import sandbox
 from daemon_kit import BUDGET_SECONDS, BUILD, DaemonTest
 
 AGENT = BUILD / "bin/loopback_agent"
@@ -15,6 +18,7 @@ class ManagedTest(DaemonTest):
     """A test with an agent's folder. Its configuration file is in place from the beginning."""
 
     agent_installed = True
+    unit_drop_ins = ("managed-host.conf", "read-all-logs.conf")
 
     def setUp(self):
         super().setUp()
@@ -25,8 +29,18 @@ class ManagedTest(DaemonTest):
         # What may not be read is not needed by anyone here.
         subprocess.run(["cp", "-a", "/etc/.", str(self.etc)], check=False,
                        stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        (self.etc / "velmor").mkdir(exist_ok=True)
+        if self.sandbox_files:
+            # The agent's runtime meets the agent in its folder, and a policy replaces the
+            # configuration file: both belong to the daemon's account.
+            self.daemon_writes(self.agent)
+            self.conf_path = self.daemon_writes(self.folder / "conf") / "collector.conf"
         if self.agent_installed:
             self.install_agent()
+
+    def configure(self, *args, path=None, **options):
+        super().configure(*args, path=path, **options)
+        self.daemon_owns(Path(path or self.conf_path))
 
     def install_agent(self, *faults):
         options = [word for fault in faults for word in ("--fault", fault)]
@@ -34,6 +48,13 @@ class ManagedTest(DaemonTest):
         target = self.etc / CONFIG_IN_ETC
         target.parent.mkdir(parents=True, exist_ok=True)
         target.write_bytes((self.agent / "config.xml").read_bytes())
+
+    def other_owner(self):
+        """Whom the configuration file may belong to, so that the daemon can keep it so: its own
+        account may only choose among its groups."""
+        if self.sandbox_files:
+            return self.daemon_account()[0], sandbox.group_number("adm")
+        return (1234, 1235) if os.geteuid() == 0 else (os.getuid(), os.getgid())
 
     def command(self, name, *options):
         return [str(AGENT), name, "--dir", str(self.agent), "--wait", str(BUDGET_SECONDS * 2),

@@ -22,7 +22,7 @@ class Policy(ManagedTest):
         return daemon
 
     def leftovers(self):
-        return [p.name for p in self.folder.iterdir()
+        return [p.name for p in self.conf_path.parent.iterdir()
                 if p.name.startswith(self.conf_path.name) and p != self.conf_path]
 
     def test_an_identical_policy_changes_nothing(self):
@@ -56,7 +56,7 @@ class Policy(ManagedTest):
     def test_owner_and_mode_stay(self):
         daemon = self.managed()
         os.chmod(self.conf_path, 0o640)
-        owner = (1234, 1235) if os.geteuid() == 0 else (os.getuid(), os.getgid())
+        owner = self.other_owner()
         os.chown(self.conf_path, *owner)
         self.push(GLOBAL, "Tail Mode=end")
         status = self.conf_path.stat()
@@ -66,10 +66,11 @@ class Policy(ManagedTest):
 
     def test_a_link_stays_a_link(self):
         self.sink = self.receiver()
-        real = self.folder / "real.conf"
+        real = self.conf_path.with_name("real.conf")
         self.configure(self.sink.port, path=real)
         self.conf_path.symlink_to(real)
         daemon = self.start()
+        daemon.wait_log("Started policy enforcement service")
         self.push(GLOBAL, "Tail Mode=end")
         self.assertTrue(self.conf_path.is_symlink())
         self.assertIn("ft_start_top=0", real.read_text().split("\n"))
@@ -147,7 +148,8 @@ class Policy(ManagedTest):
 
     def test_a_file_that_cannot_be_replaced_keeps_the_configuration(self):
         daemon = self.managed()
-        (self.folder / (self.conf_path.name + ".new")).mkdir()  # a folder in the new file's place
+        # A folder in the new file's place.
+        self.conf_path.with_name(self.conf_path.name + ".new").mkdir()
         before = self.conf_path.read_bytes()
         self.push(GLOBAL, "Tail Mode=end")
         daemon.wait_log("(ERROR) Configuration not updated:")

@@ -3,7 +3,8 @@
 The daemon's lock file, default log and default configuration have fixed paths. So each test gives
 it a mount namespace of its own, in which /var/lock, /var/log and /opt are folders of the test;
 two daemons of one test share them, two tests never do. Where no namespace can be made, one test at
-a time holds a machine-wide lock and uses the real paths.
+a time holds a machine-wide lock and uses the real paths. With COLLECTOR_SANDBOX=1 each daemon runs
+under the restrictions of the service unit as well; sandbox_kit.py has that half.
 
 Nothing here waits a fixed time: conditions are polled, with a budget that only a broken program
 uses up.
@@ -23,6 +24,8 @@ import time
 import unittest
 from pathlib import Path
 
+import sandbox_kit
+
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("COLLECTOR_BUILD", ROOT / "build"))
 BUDGET_SECONDS = 60
@@ -37,6 +40,7 @@ if [ ! -d "$lock" ]; then mount -t tmpfs none "${lock%/*}"; mkdir -p "$lock"; fi
 mount --bind "$private/lock" "$lock"
 [ ! -d "$private/log" ] || mount --bind "$private/log" /var/log
 [ ! -d "$private/opt" ] || mount --bind "$private/opt" /opt
+[ ! -d "$private/lib" ] || mount --bind "$private/lib" /var/lib
 if [ -d "$private/etc" ]; then mount --bind "$private/etc" /etc; fi
 exec "$@"
 """
@@ -82,6 +86,11 @@ def private_command(folder):
     if namespace() is None:
         return []
     return namespace() + ["sh", "-c", PRIVATE_PATHS, "sh", str(folder)]
+
+
+def daemon_command(rig):
+    """What stands before the daemon: its private paths and, where asked for, its sandbox."""
+    return private_command(rig.private) + sandbox_kit.command(rig)
 
 
 def preloadable(folder, name):
@@ -184,8 +193,8 @@ def text_of(event):
 class Daemon:
     """One run of the daemon; several runs of one test share its folder.
 
-    `rig` is a DaemonTest, or anything with its folder, private, conf_path, log_path, daemons and
-    sanitizer_environment().
+    `rig` is a DaemonTest, or anything with its folder, private, conf_path, log_path, daemons,
+    sanitizer_environment() and, where it has a sandbox, check_sandbox().
     """
 
     def __init__(self, rig, *args, conf=None, scale=None, env=None, log=True, wait=True,
@@ -208,11 +217,12 @@ class Daemon:
             self.log_path.unlink()
         with open(self.out, "wb") as out, open(self.err, "wb") as err:
             self.process = subprocess.Popen(
-                private_command(rig.private) + [*wrapper] + preload + command, env=environment,
+                daemon_command(rig) + [*wrapper] + preload + command, env=environment,
                 cwd=rig.folder, stdin=subprocess.DEVNULL, stdout=out, stderr=err)
         rig.daemons.append(self)
         if wait:
             self.wait_log("Initalizing Linux Agent")
+            getattr(rig, "check_sandbox", lambda pid: None)(self.pid)
 
     @property
     def pid(self):
@@ -254,7 +264,7 @@ class Daemon:
         self.process.wait(BUDGET_SECONDS)
 
 
-class DaemonTest(unittest.TestCase):
+class DaemonTest(sandbox_kit.Sandboxed, unittest.TestCase):
     """A test with a folder, a configuration and any number of daemons and Receivers."""
 
     def setUp(self):
@@ -271,6 +281,7 @@ class DaemonTest(unittest.TestCase):
         self.log_path = self.folder / "collector.log"
         if namespace() is None:
             self._hold_machine()
+        self.lay_out_sandbox(BUILD)
 
     def _hold_machine(self):
         lock = open("/tmp/velmor_collector_tests.lock", "w")  # released when the test ends
