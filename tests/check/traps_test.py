@@ -112,7 +112,9 @@ SEEDS = {
     "T73": [plus_section("ft_delim_end_of_event=2")],
     "T74": [plus_section("subtype=bigfix")],
     "T75": [plus_section(*SECTION), plus_section("type=filetail", "ft_dir=/srv/app",
-                                                  "ft_filter=*.log", "ft_delim=<tab>")],
+                                                  "ft_filter=*.log", "ft_delim=<tab>"),
+            changed("ft_filter=app*.log") + text(["type=filetail", "ft_dir=/srv/app",
+                                                 "ft_filter=app.l*g", "ft_delim=<tab>"])],
     "T76": [changed("ft_dir=/var/log/velmor").replace("app.log", "siem*.log")],
     "T77": [changed("ft_dir=/var/lib/velmor-siem-collector").replace("app.log", "ft_book?ark")],
     "T78": [changed("ft_delim=newline"), changed("ft_delim=space")],
@@ -168,6 +170,11 @@ class Traps(unittest.TestCase):
         finding = self.check_text(plus_global("rec_ipp=1"), "--no-host")[1]["findings"][0]
         self.assertEqual(finding["line"], len(GLOBALS) + 1)
         self.assertIn("did you mean rec_ip?", finding["detail"])
+
+    def test_a_number_with_a_tail_tells_what_is_read(self):
+        finding = self.check_text(changed("throttle=1,000"), "--no-host")[1]["findings"][0]
+        self.assertEqual((finding["id"], finding["detail"]),
+                         ("T24", "throttle=1,000 is read as 1"))
 
     def test_delimiters_may_hold_blanks_and_quotes(self):
         for word in ('" "', " ", "a ", " a"):

@@ -17,17 +17,33 @@ import unittest
 import zlib
 
 STATUS = os.path.abspath(sys.argv.pop(1))
+CHECK = os.path.abspath(sys.argv.pop(1))
 LOCK = "/var/lock/velmor_siem_collector.loc"
 
-# Runs the tool with the lock held by the calling process, or free, in a lock directory of its own.
+# Runs the tool with the lock held by the calling process, by one of user 65534 without groups
+# ("stranger"), or free, in a lock directory of its own.
 IN_NAMESPACE = textwrap.dedent("""\
     import fcntl, os, subprocess, sys
-    lock, hold, command = sys.argv[1], sys.argv[2] == "hold", sys.argv[3:]
+    lock, how, command = sys.argv[1], sys.argv[2], sys.argv[3:]
     subprocess.run(["mount", "-t", "tmpfs", "tmpfs", os.path.realpath(os.path.dirname(lock))],
                    check=True)
-    if hold:
+    if how == "hold":
         held = open(lock, "w")
         fcntl.flock(held, fcntl.LOCK_EX)
+    if how == "stranger":
+        told, tell = os.pipe()
+        leave, stay = os.pipe()
+        if os.fork() == 0:
+            held = open(lock, "w")
+            fcntl.flock(held, fcntl.LOCK_EX)
+            os.setgroups([])
+            os.setgid(65534)
+            os.setuid(65534)
+            os.close(stay)
+            os.write(tell, b".")
+            os.read(leave, 1)
+            os._exit(0)
+        os.read(told, 1)
     sys.exit(subprocess.run(command).returncode)
     """)
 
@@ -73,10 +89,11 @@ class Status(unittest.TestCase):
     def bookmark(self, *records):
         (self.marks / "ft_bookmark").write_bytes(b"".join(records))
 
-    def run_tool(self, *options, hold=True):
+    def run_tool(self, *options, hold=True, tool=None):
+        how = hold if isinstance(hold, str) else "hold" if hold else "free"
         return subprocess.run(
-            ["unshare", "-m", sys.executable, "-c", IN_NAMESPACE, LOCK,
-             "hold" if hold else "free", STATUS, "-c", str(self.config), *options],
+            ["unshare", "-m", sys.executable, "-c", IN_NAMESPACE, LOCK, how,
+             *(tool or [STATUS, "-c"]), str(self.config), *options],
             stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60)
 
     def survey(self, *options, hold=True):
@@ -131,6 +148,68 @@ class Status(unittest.TestCase):
         self.assertFalse(state["known"])
         self.assertEqual(state["lag_bytes"], 0)
 
+    def test_without_bookmark_and_from_the_top(self):
+        content = b"line\n" * 100
+        self.log("a.log", content)
+        self.config.write_text(self.config.read_text() + "ft_start_top=1\n")
+        state = self.file()
+        self.assertEqual((state["known"], state["position"], state["events"]), (False, 0, 100))
+
+    def test_bookmarks_that_cannot_be_read(self):
+        self.log("a.log", b"line\n" * 100)
+        (self.marks / "ft_bookmark").mkdir()
+        done = self.run_tool()
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("the bookmark file cannot be read", done.stdout.splitlines()[0])
+        self.assertIn("[position unknown]", done.stdout)
+
+    def open_to_all(self):
+        for path in (self.dir, self.logs, self.marks):
+            path.chmod(0o755)
+        if not all(parent.stat().st_mode & 0o001 for parent in self.dir.parents):
+            self.skipTest("the temporary directory is closed to other users")
+
+    @unittest.skipUnless(os.geteuid() == 0, "needs root")
+    def test_what_the_collector_may_not_do(self):
+        self.open_to_all()
+        content = b"line of the log\n" * 100
+        path = self.log("a.log", content)
+        path.chmod(0o644)
+        self.bookmark(record(path, 1600, head_of(content)))
+        (self.marks / "ft_bookmark").chmod(0o644)
+        done = self.run_tool(hold="stranger")
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stdout.splitlines()[0], "WARNING .* may not write the bookmark file$")
+        (self.marks / "ft_bookmark").chmod(0o666)
+        done = self.run_tool(hold="stranger")
+        self.assertEqual(done.returncode, 0)
+        self.assertRegex(done.stdout.splitlines()[0], "^OK  collector up, .*, 0 bytes behind$")
+        path.chmod(0o640)
+        done = self.run_tool(hold="stranger")
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stdout.splitlines()[0], "WARNING .* may not read 1 file$")
+        self.assertIn("a.log  [the collector may not read it]", done.stdout)
+        self.assertTrue(self.survey(hold="stranger")[1]["plugins"][0]["files"][0]["forbidden"])
+        self.run_tool("--prom", str(self.dir / "x.prom"), hold="stranger")
+        self.assertIn("siem_collector_files_unreadable 1\n", (self.dir / "x.prom").read_text())
+        self.assertEqual(self.run_tool().returncode, 0)
+
+    @unittest.skipUnless(os.geteuid() == 0, "needs root")
+    def test_a_live_check_asks_with_the_rights_of_the_collector(self):
+        self.open_to_all()
+        path = self.log("a.log", b"line of the log\n" * 100)
+        refused = r"file \S+/a\.log is not readable for user \S+: Permission denied"
+        for mode, expected in ((0o644, r"ok    1 file of \S+ readable for user "),
+                               (0o640, "FAIL  " + refused)):
+            path.chmod(mode)
+            done = self.run_tool(tool=[CHECK, "--live"], hold="stranger")
+            self.assertRegex(done.stdout, expected)
+            self.assertRegex(done.stdout, "FAIL  bookmark directory .* is not writable for user ")
+        os.chown(self.marks, 65534, 65534)
+        done = self.run_tool(tool=[CHECK, "--live"], hold=False)
+        self.assertRegex(done.stdout, "note  " + refused)
+        self.assertRegex(done.stdout, "ok    bookmark directory .* is writable for user ")
+
     def test_up_and_down(self):
         status, survey = self.survey(hold=True)
         self.assertEqual((status, survey["status"], survey["up"]), (0, "OK", True))
@@ -162,6 +241,11 @@ class Status(unittest.TestCase):
                       "orphan: /gone/away.log", "4 records, 3 problems, 1 orphans"):
             self.assertIn(words, done.stdout)
         self.assertEqual(self.run_tool().returncode, 2)
+
+    def test_verify_shows_a_path_without_the_next_line(self):
+        good = record("/srv/a.log", 1, 1)
+        self.bookmark(good[:-3] + b"\n", good)
+        self.assertIn("record 0: damaged: /srv/a.log\n", self.run_tool("--verify").stdout)
 
     def test_prometheus_file_is_written_whole(self):
         content = b"line of the log\n" * 100

@@ -1,4 +1,3 @@
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,7 +7,9 @@
 
 #include "ruv/ruvlib.h"
 #include "tools/check/effective.h"
+#include "tools/check/live_files.h"
 #include "tools/check/rules.h"
+#include "tools/check/steps.h"
 #include "tools/host/lock_holder.h"
 
 namespace {
@@ -16,25 +17,6 @@ namespace {
 constexpr int kUnreadable = 66;
 constexpr int kErrorsFound = 78;
 constexpr size_t kErrorTextBytes = 512;
-
-// A step's outcome, printed at once: a live check can take half a minute.
-class steps {
-  public:
-    void good(const std::string &text) { print("ok  ", text); }
-    void bad(const std::string &text) {
-        print("FAIL", text);
-        failed_ = true;
-    }
-    void note(const std::string &text) { print("note", text); }
-    bool failed() const { return failed_; }
-
-  private:
-    void print(const char *word, const std::string &text) {
-        printf("%s  %s\n", word, text.c_str());
-        fflush(stdout);
-    }
-    bool failed_ = false;
-};
 
 // A key's value as a C string for the library, null when it is absent.
 struct optional_text {
@@ -108,43 +90,8 @@ void check_receiver(const config_text &text, steps *done) {
     }
 }
 
-void check_writable(const std::string &path, const char *what, steps *done) {
-    std::string existing = path;
-    struct stat info {};
-    while (existing.size() > 1 && stat(existing.c_str(), &info) != 0) {
-        const size_t slash = existing.rfind('/');
-        existing = slash == 0 || slash == std::string::npos ? "/" : existing.substr(0, slash);
-    }
-    if (access(existing.c_str(), W_OK | X_OK) != 0) {
-        done->bad(std::string(what) + " " + path + ": " + existing +
-                  " is not writable: " + strerror(errno));
-    } else if (existing == path) {
-        done->good(std::string(what) + " " + path + " is writable");
-    } else {
-        done->good(std::string(what) + " " + path + " can be created");
-    }
-}
-
-void check_directories(const config_text &text, steps *done) {
-    const std::string bookmarks = global_value(text, "bookmark_dir");
-    if (!bookmarks.empty()) check_writable(bookmarks, "bookmark directory", done);
-    const std::string log = global_value(text, "log_path");
-    const size_t slash = log.rfind('/');
-    if (slash != std::string::npos && slash > 0) {
-        check_writable(log.substr(0, slash), "log directory", done);
-    }
-    for (const config_section &section : text.sections) {
-        const std::string directory = section_directory(text, section);
-        if (section.type != "filetail" || directory.empty()) continue;
-        if (access(directory.c_str(), R_OK | X_OK) == 0) {
-            done->good("directory " + directory + " is readable");
-        } else {
-            done->bad("directory " + directory + ": " + strerror(errno));
-        }
-    }
-}
-
-void check_lock(steps *done) {
+// Returns the process that holds the lock, or 0.
+long check_lock(steps *done) {
     const lock_holder holder = find_lock_holder(kCollectorLockPath);
     if (holder.pid != 0) {
         done->note("a collector runs as process " + std::to_string(holder.pid));
@@ -153,6 +100,7 @@ void check_lock(steps *done) {
     } else {
         done->good("no collector holds the lock");
     }
+    return holder.pid;
 }
 
 }  // namespace
@@ -165,8 +113,7 @@ int check_live(const std::string &path) {
         return kUnreadable;
     }
     steps done;
-    check_lock(&done);
-    check_directories(text, &done);
+    check_live_files(text, check_lock(&done), &done);
     check_receiver(text, &done);
     return done.failed() ? kErrorsFound : 0;
 }

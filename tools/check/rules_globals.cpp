@@ -27,7 +27,9 @@ bool check_number(const config_line &line, report *found) {
     } else if (is_word(line.value)) {
         found->add("T23", line.number, line.key + "=" + line.value);
     } else if (has_tail(line.value)) {
-        found->add("T24", line.number, line.key + "=" + line.value);
+        found->add(
+            "T24", line.number,
+            line.key + "=" + line.value + " is read as " + std::to_string(*number_of(line.value)));
     } else {
         return true;
     }

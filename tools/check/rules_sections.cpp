@@ -162,9 +162,12 @@ bool share_a_name(const std::string &a, const std::string &b) {
     if (!has_wildcard(b)) return matches(a, b);
     for (const std::string &pattern : {a, b}) {
         std::string sample = pattern;
-        std::replace(sample.begin(), sample.end(), '*', 'x');
         std::replace(sample.begin(), sample.end(), '?', 'x');
+        std::string shortest = sample;
+        std::erase(shortest, '*');
+        std::replace(sample.begin(), sample.end(), '*', 'x');
         if (matches(a, sample) && matches(b, sample)) return true;
+        if (matches(a, shortest) && matches(b, shortest)) return true;
     }
     return false;
 }

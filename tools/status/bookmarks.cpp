@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -47,7 +48,8 @@ bool well_formed(const char *bytes) {
 std::string shown_path(const char *bytes, size_t length) {
     if (length <= kBookmarkPathOffset) return "";
     std::string path(bytes + kBookmarkPathOffset, length - kBookmarkPathOffset);
-    const size_t last = path.find_last_not_of(" \n");
+    path.resize(std::min(path.size(), path.find('\n')));  // the next line, when this one is short
+    const size_t last = path.find_last_not_of(' ');
     path.resize(last == std::string::npos ? 0 : last + 1);
     return path;
 }
@@ -58,7 +60,8 @@ bookmark_image read_bookmarks(const std::string &path) {
     bookmark_image image;
     std::string bytes;
     if (!read_all(path, &bytes)) {
-        image.reason = errno == ENOENT ? "no such file" : strerror(errno);
+        image.absent = errno == ENOENT;
+        image.reason = image.absent ? "no such file" : strerror(errno);
         return image;
     }
     image.readable = true;

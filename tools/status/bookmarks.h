@@ -21,8 +21,9 @@ struct bookmark_problem {
 
 struct bookmark_image {
     bool readable = false;
-    std::string reason;                                          ///< why it is not
-    size_t records = 0;                                          ///< whole records
+    bool absent = false;  ///< there is no such file, which is no fault
+    std::string reason;   ///< why it is not
+    size_t records = 0;   ///< whole records
     std::unordered_map<std::string, stored_position> positions;  ///< the first record of a path
     std::vector<bookmark_problem> problems;
 };

@@ -54,7 +54,9 @@ std::string notes(const file_state &file) {
         if (holds) text += (text.empty() ? "" : ", ") + std::string(note);
     };
     add(!file.readable, "not readable");
-    add(!file.known, "no bookmark yet");
+    add(file.forbidden, "the collector may not read it");
+    add(file.unsure, "position unknown");
+    add(!file.known && !file.unsure, "no bookmark yet");
     add(file.head_changed, "head changed: read again from 0");
     add(file.small, "under 256 bytes");
     add(file.waiting > 0, "waits for a delimiter");
@@ -66,6 +68,36 @@ std::string notes(const file_state &file) {
 std::string events_text(const file_state &file) {
     if (file.events < 0) return "?";
     return (file.estimated ? "~" : "") + std::to_string(file.events);
+}
+
+std::string count_of(size_t count, const char *what) {
+    return format("%zu %s%s", count, what, count == 1 ? "" : "s");
+}
+
+// What is wrong, for the first line: monitoring systems show no other.
+std::string troubles(const survey &taken) {
+    size_t unreadable = 0;
+    size_t forbidden = 0;
+    size_t closed = 0;
+    for (const plugin_state &plugin : taken.plugins) {
+        closed += plugin.error.empty() ? 0 : 1;
+        for (const file_state &file : plugin.files) {
+            unreadable += file.readable ? 0 : 1;
+            forbidden += file.forbidden ? 1 : 0;
+        }
+    }
+    std::string text;
+    const auto add = [&](bool holds, const std::string &what) {
+        if (holds) text += ", " + what;
+    };
+    add(!taken.bookmarks.problems.empty(),
+        count_of(taken.bookmarks.problems.size(), "bad bookmark record"));
+    add(!taken.bookmarks.readable && !taken.bookmarks.absent, "the bookmark file cannot be read");
+    add(taken.bookmarks_forbidden, taken.user + " may not write the bookmark file");
+    add(closed > 0, format("%zu of the directories cannot be read", closed));
+    add(forbidden > 0, taken.user + " may not read " + count_of(forbidden, "file"));
+    add(unreadable > 0, "this user may not read " + count_of(unreadable, "file"));
+    return text;
 }
 
 const char *verdict_word(verdict v) {
@@ -83,20 +115,32 @@ verdict judge(const survey &taken, const lag_limits &limits) {
     if (!taken.error.empty() || !taken.lock_table) return kUnknown;
     if (!taken.up || !taken.bookmarks.problems.empty()) return kCritical;
     if (total_lag(taken) >= limits.critical) return kCritical;
-    if (!taken.bookmarks.readable && taken.bookmarks.reason != "no such file") return kWarning;
+    if (taken.bookmarks_forbidden) return kWarning;
+    if (!taken.bookmarks.readable && !taken.bookmarks.absent) return kWarning;
     bool warn = total_lag(taken) >= limits.warning;
     for (const plugin_state &plugin : taken.plugins) {
         warn |= !plugin.error.empty();
-        for (const file_state &file : plugin.files) warn |= !file.readable;
+        for (const file_state &file : plugin.files) warn |= !file.readable || file.forbidden;
     }
     return warn ? kWarning : kFine;
 }
 
+namespace {
+
+std::string first_line(const survey &taken, const lag_limits &limits) {
+    std::string line = verdict_word(judge(taken, limits));
+    line += taken.up ? "  collector up" : "  collector down";
+    if (taken.up) line += format(", process %ld since %s", taken.pid, when(taken.since).c_str());
+    if (!taken.lock_table) line += " (the lock table cannot be read)";
+    if (!taken.error.empty()) return line;
+    line += format(", %llu bytes behind", static_cast<unsigned long long>(total_lag(taken)));
+    return line + troubles(taken);
+}
+
+}  // namespace
+
 std::string present_screen(const survey &taken, const lag_limits &limits) {
-    const verdict result = judge(taken, limits);
-    std::string out = format("%s  collector %s", verdict_word(result), taken.up ? "up" : "down");
-    if (taken.up) out += format(", process %ld since %s", taken.pid, when(taken.since).c_str());
-    if (!taken.lock_table) out += " (the lock table cannot be read)";
+    std::string out = first_line(taken, limits);
     out += "\nconfiguration " + printable(taken.config_path);
     if (!taken.error.empty()) return out + ": " + taken.error + "\n";
     out += "\nbookmarks " + printable(taken.bookmark_path);
@@ -138,7 +182,7 @@ std::string present_json(const survey &taken, const lag_limits &limits) {
         format("{\"status\": \"%s\", \"up\": %s, \"pid\": %ld, \"since\": %ld, ",
                verdict_word(judge(taken, limits)), truth(taken.up), taken.pid, taken.since);
     out += "\"config\": " + json_string(taken.config_path) +
-           ", \"error\": " + json_string(taken.error) +
+           ", \"error\": " + json_string(taken.error) + ", \"user\": " + json_string(taken.user) +
            ", \"bookmark_file\": " + json_string(taken.bookmark_path);
     out += format(", \"bookmark_records\": %zu, \"bookmark_problems\": %zu, \"lag_bytes\": %llu, ",
                   taken.bookmarks.records, taken.bookmarks.problems.size(),
@@ -160,11 +204,12 @@ std::string present_json(const survey &taken, const lag_limits &limits) {
                 static_cast<unsigned long long>(file.lag), static_cast<long long>(file.events),
                 truth(file.estimated), static_cast<unsigned long long>(file.waiting));
             out += format(
-                "\"age_seconds\": %ld, \"known\": %s, \"readable\": %s, "
-                "\"head_changed\": %s, \"small\": %s, \"nul_ahead\": %s, "
-                "\"long_ahead\": %s}",
-                file.age_seconds, truth(file.known), truth(file.readable), truth(file.head_changed),
-                truth(file.small), truth(file.nul_ahead), truth(file.long_ahead));
+                "\"age_seconds\": %ld, \"known\": %s, \"unsure\": %s, \"readable\": %s, "
+                "\"forbidden\": %s, \"head_changed\": %s, \"small\": %s, "
+                "\"nul_ahead\": %s, \"long_ahead\": %s}",
+                file.age_seconds, truth(file.known), truth(file.unsure), truth(file.readable),
+                truth(file.forbidden), truth(file.head_changed), truth(file.small),
+                truth(file.nul_ahead), truth(file.long_ahead));
         }
         out += "]}";
     }
@@ -190,9 +235,16 @@ std::string present_prometheus(const survey &taken) {
     out += format("siem_collector_bookmark_damaged_records %zu\n", taken.bookmarks.problems.size());
     gauge("siem_collector_status_timestamp_seconds", "When this was gathered, seconds since 1970.");
     out += format("siem_collector_status_timestamp_seconds %ld\n", taken.taken_at);
+    gauge("siem_collector_files_unreadable", "Files that the collector may not read.");
+    size_t unreadable = 0;
+    for (const plugin_state &plugin : taken.plugins) {
+        for (const file_state &file : plugin.files) unreadable += file.forbidden ? 1 : 0;
+    }
+    out += format("siem_collector_files_unreadable %zu\n", unreadable);
     gauge("siem_collector_file_lag_bytes", "Bytes of whole events that were not sent yet.");
     for (const plugin_state &plugin : taken.plugins) {
         for (const file_state &file : plugin.files) {
+            if (file.unsure) continue;
             // A label is written like a JSON string, but knows no \u escapes.
             out += "siem_collector_file_lag_bytes{path=" + json_string(printable(file.path)) +
                    format("} %llu\n", static_cast<unsigned long long>(file.lag));

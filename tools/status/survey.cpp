@@ -11,12 +11,14 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <optional>
 
 #include "core/utils.h"
 #include "filetail/cutter.h"
 #include "filetail/delimiter.h"
 #include "tools/check/config_text.h"
 #include "tools/check/rules.h"
+#include "tools/host/account.h"
 #include "tools/host/lock_holder.h"
 
 namespace {
@@ -110,25 +112,40 @@ uint32_t head_checksum(const readable_file &file) {
     return checksum_bytes(head.data(), head.size());
 }
 
+struct section_rules {
+    const delimiter *pattern;
+    bool from_top;  // a file without a bookmark is read from its first byte
+};
+
 file_state look_at(const std::string &path, const struct stat &info, const bookmark_image &marks,
-                   const delimiter *pattern, long now) {
+                   const section_rules &rules, long now) {
     file_state state;
     state.path = path;
     state.size = static_cast<uint64_t>(info.st_size);
     state.small = state.size < kHeadBytes;
     state.age_seconds = std::max<long>(0, now - info.st_mtime);
+    state.unsure = !marks.readable && !marks.absent;
     state.position = state.size;
     const readable_file file(path);
     state.readable = file.ok();
     const auto mark = marks.positions.find(path);
     state.known = mark != marks.positions.end();
-    if (!state.readable || !state.known) return state;
-    state.head_changed = mark->second.head != head_checksum(file);
-    state.position = mark->second.location;
-    // What the daemon will do at its next scan: a new file is read from its first byte.
-    if (state.head_changed || state.position > state.size) state.position = 0;
-    if (pattern != nullptr) look_ahead(file, pattern, &state);
+    if (!state.readable || state.unsure) return state;
+    if (state.known) {
+        state.head_changed = mark->second.head != head_checksum(file);
+        state.position = mark->second.location;
+        // What the daemon will do at its next scan: a new file is read from its first byte.
+        if (state.head_changed || state.position > state.size) state.position = 0;
+    } else if (rules.from_top) {
+        state.position = 0;
+    }
+    if (rules.pattern != nullptr) look_ahead(file, rules.pattern, &state);
     return state;
+}
+
+bool starts_at_top(const config_text &text, const config_section &section) {
+    const config_line *line = section_line(text, section, "ft_start_top");
+    return line != nullptr && (line->value.empty() || line->value == "1");
 }
 
 plugin_state look_at_plugin(const config_text &text, const config_section &section,
@@ -139,6 +156,7 @@ plugin_state look_at_plugin(const config_text &text, const config_section &secti
     std::string reason;
     const delimiter_ptr pattern = delimiter_compile(
         translate_delim(section_value(text, section, "ft_delim").c_str()), &reason);
+    const section_rules rules{pattern.get(), starts_at_top(text, section)};
     std::unique_ptr<DIR, int (*)(DIR *)> dir(opendir(state.directory.c_str()), &closedir);
     if (dir == nullptr) {
         state.error = strerror(errno);
@@ -149,11 +167,31 @@ plugin_state look_at_plugin(const config_text &text, const config_section &secti
         const std::string path = state.directory + entry->d_name;
         struct stat info {};
         if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
-        state.files.push_back(look_at(path, info, marks, pattern.get(), now));
+        state.files.push_back(look_at(path, info, marks, rules, now));
     }
     std::sort(state.files.begin(), state.files.end(),
               [](const file_state &a, const file_state &b) { return a.path < b.path; });
     return state;
+}
+
+// What the running collector may not do, although this tool, perhaps as root, may.
+void look_for_forbidden(survey *taken) {
+    const std::optional<account> collector = account_of_process(taken->pid);
+    if (!collector) return;
+    taken->user = collector->name;
+    std::vector<access_question> questions;
+    std::vector<file_state *> files;
+    for (plugin_state &plugin : taken->plugins) {
+        for (file_state &file : plugin.files) {
+            questions.push_back({file.path, R_OK});
+            files.push_back(&file);
+        }
+    }
+    if (taken->bookmarks.readable) questions.push_back({taken->bookmark_path, R_OK | W_OK});
+    const std::vector<int> answers = ask_access(*collector, questions);
+    if (answers.size() != questions.size()) return;
+    for (size_t i = 0; i < files.size(); i++) files[i]->forbidden = answers[i] == EACCES;
+    if (taken->bookmarks.readable) taken->bookmarks_forbidden = answers.back() != 0;
 }
 
 std::vector<std::string> last_error_lines(const std::string &log_path) {
@@ -195,6 +233,7 @@ survey take_survey(const survey_request &request) {
         if (section.type != "filetail" || section_directory(text, section).empty()) continue;
         taken.plugins.push_back(look_at_plugin(text, section, taken.bookmarks, taken.taken_at));
     }
+    if (taken.up) look_for_forbidden(&taken);
     return taken;
 }
 

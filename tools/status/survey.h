@@ -12,14 +12,16 @@
 struct file_state {
     std::string path;
     uint64_t size = 0;
-    bool known = false;      ///< it has a bookmark
-    uint64_t position = 0;   ///< bytes sent; its size when it has no bookmark
-    uint64_t lag = 0;        ///< bytes from the position to the last delimiter
-    int64_t events = 0;      ///< events in them; -1 = no delimiter in sight to estimate by
-    bool estimated = false;  ///< `events` was reckoned from a sample
-    uint64_t waiting = 0;    ///< bytes behind the last delimiter: an event not yet ended
-    long age_seconds = 0;    ///< since its last change
-    bool readable = true;
+    bool known = false;         ///< it has a bookmark
+    bool unsure = false;        ///< the bookmark file cannot be read, so `position` is a guess
+    uint64_t position = 0;      ///< bytes sent; where it will be begun when it has no bookmark
+    uint64_t lag = 0;           ///< bytes from the position to the last delimiter
+    int64_t events = 0;         ///< events in them; -1 = no delimiter in sight to estimate by
+    bool estimated = false;     ///< `events` was reckoned from a sample
+    uint64_t waiting = 0;       ///< bytes behind the last delimiter: an event not yet ended
+    long age_seconds = 0;       ///< since its last change
+    bool readable = true;       ///< by this tool
+    bool forbidden = false;     ///< the running collector's account may not read it
     bool head_changed = false;  ///< the daemon will take it for a new file
     bool small = false;         ///< under 256 bytes
     bool nul_ahead = false;     ///< NUL bytes in what lies ahead
@@ -40,8 +42,10 @@ struct survey {
     bool up = false;
     bool lock_table = true;  ///< the lock table could be read, so `up` is known
     long pid = 0;
-    long since = 0;  ///< seconds since 1970; 0 = unknown
+    std::string user;  ///< that the collector runs as; empty = unknown
+    long since = 0;    ///< seconds since 1970; 0 = unknown
     std::string bookmark_path;
+    bool bookmarks_forbidden = false;  ///< the collector's account may not write them
     bookmark_image bookmarks;
     std::vector<plugin_state> plugins;
     std::vector<std::string> last_errors;  ///< newest last
