@@ -57,15 +57,6 @@ int row_of(const char *value, int rows) {
     return number >= 1 && number <= rows ? number - 1 : -1;
 }
 
-bool offset_is_bad(const custom_field_info_t &field) {
-    return static_cast<unsigned>(field.off) > kLargestOffset;
-}
-
-void drop_rows(custom_field_info_t *field) {
-    field->rowa = -1;
-    field->rowf = -1;
-}
-
 void set_id(custom_field_info_t *field, const char *value) {
     field->id = decimal(value);
 }
@@ -83,9 +74,11 @@ void set_flow_row(custom_field_info_t *field, const char *value) {
     field->rowf = row_of(value, kFlowRows);
 }
 
+// Kept: a bad offset takes the rows that stand before it in the section; a row that is named after
+// it holds, since strings need no offset. Nothing is ever packed at a bad one.
 void set_offset(custom_field_info_t *field, const char *value) {
     field->off = decimal(value);
-    if (offset_is_bad(*field)) drop_rows(field);
+    if (static_cast<unsigned>(field->off) > kLargestOffset) field->rowa = field->rowf = -1;
 }
 
 void append_name(custom_field_info_t *field, const char *value) {
@@ -149,18 +142,28 @@ void read_sections(custom_field_info_t *fields, char *text) {
 
 // ---- The indexes.
 
-uint16_t group_id(const custom_field_info_t *field) {
-    return static_cast<uint16_t>(field->id);
+uint16_t group_id(const custom_field_info_t &field) {
+    return static_cast<uint16_t>(field.id);
 }
 
-// Stable order: of equal names, the one that stands first in the file comes first.
+// Sorts entries; equal ones stay in file order, which is that of their addresses. The standard
+// stable sort would do, but its scratch memory would make C programs link the C++ library.
+template <class Compare>
+void sort_entries(custom_field_info_t **entries, int count, Compare compare) {
+    std::sort(entries, entries + count,
+              [&](const custom_field_info_t *a, const custom_field_info_t *b) {
+                  const int order = compare(*a, *b);
+                  return order != 0 ? order < 0 : a < b;
+              });
+}
+
 void index_names(custom_fields_info_t *catalogue) {
     const int count = catalogue->custom_fields_cnt;
     for (int i = 0; i < count; ++i) catalogue->name_cfi[i] = &catalogue->cfi[i];
-    std::stable_sort(catalogue->name_cfi, catalogue->name_cfi + count,
-                     [](const custom_field_info_t *a, const custom_field_info_t *b) {
-                         return strcmp(a->name, b->name) < 0;
-                     });
+    sort_entries(catalogue->name_cfi, count,
+                 [](const custom_field_info_t &a, const custom_field_info_t &b) {
+                     return strcmp(a.name, b.name);
+                 });
     for (int i = 0; i < count; ++i) catalogue->name_name[i] = catalogue->name_cfi[i]->name;
 }
 
@@ -169,18 +172,18 @@ void index_names(custom_fields_info_t *catalogue) {
 void index_ids(custom_fields_info_t *catalogue, custom_field_info_t **by_id) {
     cfid_to_cfi_t *group = nullptr;
     for (int i = 0; i < catalogue->custom_fields_cnt; ++i) {
-        if (!group || group->id != group_id(by_id[i])) {
+        if (!group || group->id != group_id(*by_id[i])) {
             group = &catalogue->id_to_userfields[catalogue->cfid_to_cfis_cnt++];
-            group->id = group_id(by_id[i]);
+            group->id = group_id(*by_id[i]);
         }
         if (group->cnt < kFieldsPerId) group->cfi[group->cnt++] = by_id[i];
     }
     for (int i = 0; i < catalogue->cfid_to_cfis_cnt; ++i) {
         cfid_to_cfi_t &members = catalogue->id_to_userfields[i];
-        std::stable_sort(members.cfi, members.cfi + members.cnt,
-                         [](const custom_field_info_t *a, const custom_field_info_t *b) {
-                             return a->off < b->off;
-                         });
+        sort_entries(members.cfi, members.cnt,
+                     [](const custom_field_info_t &a, const custom_field_info_t &b) {
+                         return (a.off > b.off) - (a.off < b.off);
+                     });
     }
 }
 
@@ -199,10 +202,9 @@ bool build_indexes(custom_fields_info_t *catalogue) {
         return false;
     const std::unique_ptr<custom_field_info_t *, free_memory> owner(by_id);
     for (int i = 0; i < count; ++i) by_id[i] = &catalogue->cfi[i];
-    std::stable_sort(by_id, by_id + count,
-                     [](const custom_field_info_t *a, const custom_field_info_t *b) {
-                         return group_id(a) < group_id(b);
-                     });
+    sort_entries(by_id, count, [](const custom_field_info_t &a, const custom_field_info_t &b) {
+        return group_id(a) - group_id(b);
+    });
     index_names(catalogue);
     index_ids(catalogue, by_id);
     return true;
@@ -219,9 +221,6 @@ int libruv_load_catalogue(custom_fields_info_t *catalogue, char *text) {
     // Kept: an entry starts zeroed, so one without a row of its own has row 0.
     catalogue->custom_fields_cnt = static_cast<int>(count);
     read_sections(catalogue->cfi, text);
-    // A row that is named after a bad offset would otherwise slip through.
-    for (size_t i = 0; i < count; ++i)
-        if (offset_is_bad(catalogue->cfi[i])) drop_rows(&catalogue->cfi[i]);
     if (build_indexes(catalogue)) return 0;
     libruv_free_catalogue(catalogue);
     return fail(1);

@@ -15,7 +15,7 @@ constexpr size_t kNameBytes = 1024;  // room for a name and its aliases
 
 // The `width` bits of `word` that begin `off` bits from its top; what does not fit reads as zeros.
 uint64_t bits_at(uint64_t word, int off, int width) {
-    if (off < 0 || off + width > 64) return 0;
+    if (off < 0 || off > 64 - width) return 0;
     word >>= 64 - width - off;
     return width == 64 ? word : word & ((uint64_t{1} << width) - 1);
 }

@@ -24,7 +24,7 @@ bool may_claim(const RUVData_t *record, int id, int row) {
 
 // Position of a value of `width` bits, counted from the least significant end; -1 sets the error.
 int shift_of(int width, int off) {
-    if (off >= 0 && width + off <= kWordBits) return kWordBits - width - off;
+    if (off >= 0 && off <= kWordBits - width) return kWordBits - width - off;
     return ruv::fail(55);
 }
 

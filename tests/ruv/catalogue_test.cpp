@@ -78,10 +78,15 @@ TEST(Catalogue, RowsAndOffsetsOutsideTheirRangeAreMarked) {
         EXPECT_EQ(c[0].rowf, r.expected_f);
         EXPECT_EQ(c[0].off, r.off);
     }
-    // A row named after the bad offset does not come back.
-    const catalogue late("[f]\nUserFieldUse.Offset=64\nUserField.UDFldE=3\nUserField.UDFldF=3\n");
-    EXPECT_EQ(late[0].rowa, -1);
+    // A bad offset takes the rows named so far; one that is named behind it holds.
+    const catalogue late(
+        "[f]\nUserField.UDFldF=4\nUserFieldUse.Offset=64\nUserField.UDFldE=3\n"
+        "[g]\nUserFieldUse.Offset=-1\nUserField.UDFldE=11\nUserField.UDFldF=3\n");
+    EXPECT_EQ(late[0].rowa, 2);
     EXPECT_EQ(late[0].rowf, -1);
+    EXPECT_EQ(late[0].off, 64);
+    EXPECT_EQ(late[1].rowa, -1);
+    EXPECT_EQ(late[1].rowf, 2);
     // Huge numbers are no rows either.
     const catalogue huge(
         "[f]\nUserField.UDFldE=99999999999999999999\nUserField.UDFldF=-9999999999\n");

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <vector>
 
 #include "ruv/custom_rows.h"
@@ -182,6 +183,9 @@ TEST(CustomPrint, DamagedFieldsAreShownSafely) {
     EXPECT_EQ("\tcustom field[2] : 9 : A--B : F.f : none (99) : 60 :\n\n", row2(&all.conn, record));
     field.type = 8;
     EXPECT_EQ("\tcustom field[2] : 9 : A--B : F.f : uint32 (8) : 60 :\n0\n",
+              row2(&all.conn, record));
+    field.off = INT_MAX;
+    EXPECT_EQ("\tcustom field[2] : 9 : A--B : F.f : uint32 (8) : 2147483647 :\n0\n",
               row2(&all.conn, record));
 }
 

@@ -4,7 +4,6 @@
 #include <openssl/ssl.h>
 
 #include <cstdlib>
-#include <new>
 #include <string>
 
 #include "ruv/catalogue.h"
@@ -45,11 +44,6 @@ void *__wrap_realloc(void *memory, size_t size) {
 char *__real_strdup(const char *text);
 char *__wrap_strdup(const char *text) {
     return strikes() ? nullptr : __real_strdup(text);
-}
-// operator new(size_t, std::nothrow), the sorts' scratch memory.
-void *__real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag);
-void *__wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag) {
-    return strikes() ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
 }
 SSL *__real_SSL_new(SSL_CTX *context);
 SSL *__wrap_SSL_new(SSL_CTX *context) {
@@ -159,23 +153,20 @@ TEST(WithoutMemory, AllocData) {
     RUVFreeData(record);
 }
 
-// The scratch memory of the sorts may be missing: the catalogue is the same without.
 TEST(WithoutMemory, Catalogue) {
     RUVConn conn = {};
-    int result = 0, refused = 0;
+    int result = 0;
     const int count = fail_each(
         [&] {
             std::string text = kFields;
             result = libruv_load_catalogue(&conn.cfi, text.data());
         },
         [&](int k) {
-            if (result == 0) return expect_fields(conn);
+            EXPECT_EQ(result, -1) << k;
             EXPECT_EQ(ruverrno, 1) << k;
             expect_no_fields(conn);
-            ++refused;
         });
-    EXPECT_EQ(refused, 5) << "entries, two name arrays, the groups, and the order by id";
-    EXPECT_GT(count, refused);
+    EXPECT_EQ(count, 5) << "entries, two name arrays, the groups, and the order by id";
     EXPECT_EQ(result, 0);
     expect_fields(conn);
     libruv_free_catalogue(&conn.cfi);
@@ -187,25 +178,22 @@ TEST(WithoutMemory, Open) {
     fake::receiver receiver(fake::serve(with_fields()));
     conn_ptr conn = open_conn(receiver.port());
     expect_fields(*conn);
-    int result = 0, refused = 0;
+    int result = 0;
     const int count = fail_each(
         [&] {
             RUVClose(conn.get());
             result = RUVOpen(conn.get());
         },
         [&](int k) {
-            if (result != 0) {
-                EXPECT_EQ(ruverrno, 1) << k;
-                EXPECT_EQ(conn->skt, -1) << k;
-                expect_no_fields(*conn);
-                ++refused;
-                EXPECT_EQ(RUVOpen(conn.get()), 0) << k << " " << ruverrno;
-            }
+            EXPECT_EQ(result, -1) << k;
+            EXPECT_EQ(ruverrno, 1) << k;
+            EXPECT_EQ(conn->skt, -1) << k;
+            expect_no_fields(*conn);
+            EXPECT_EQ(RUVOpen(conn.get()), 0) << k << " " << ruverrno;
             EXPECT_EQ(conn->ruv_ver, 2);
             expect_fields(*conn);
         });
-    EXPECT_EQ(refused, 6) << "the text and what the catalogue is made of";
-    EXPECT_GT(count, refused);
+    EXPECT_EQ(count, 6) << "the text and what the catalogue is made of";
     EXPECT_EQ(result, 0);
 }
 
