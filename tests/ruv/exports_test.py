@@ -1,4 +1,4 @@
-"""The libraries offer what the public headers declare, and nothing else.
+"""The libraries offer what the public headers declare, and nothing else; C programs need no C++.
 
 usage: exports_test.py HEADER_DIRECTORY SHARED_LIBRARY ARCHIVE
 """
@@ -33,6 +33,13 @@ def dynamic_entries(library, tag):
     return re.findall(rf"\({tag}\).*\[(.*)\]", output)
 
 
+def foreign(*command):
+    """Undefined symbols with C++ names: a C program cannot be linked without the C++ library."""
+    output = subprocess.run(("nm", "--undefined-only") + command, check=True, text=True,
+                            stdout=subprocess.PIPE).stdout
+    return re.findall(r" U (_Z\S+|__cxa_(?!finalize|atexit)\S+|__gxx_\S+)", output)
+
+
 def main():
     directory, shared, archive = sys.argv[1:]
     expected = declared(Path(directory))
@@ -51,6 +58,10 @@ def main():
     check(archive, {s[0] for s in defined("-g", archive)}, expected)
     if dynamic_entries(shared, "SONAME") != ["libruv.so.1"]:
         failures.append(f"{shared}: SONAME {dynamic_entries(shared, 'SONAME')}")
+    if any("stdc++" in name for name in dynamic_entries(shared, "NEEDED")):
+        failures.append(f"{shared}: needs the C++ library")
+    failures += [f"{shared}: needs {name}" for name in foreign("-D", shared)]
+    failures += [f"{archive}: needs {name}" for name in foreign(archive)]
     print("\n".join(failures) or f"{len(expected)} names, all as declared")
     return bool(failures)
 
