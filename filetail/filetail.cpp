@@ -197,6 +197,8 @@ int ft_init(plugin *p, const wchar_t *bm_dir, int8_t connected) {
     _connected.store(connected, std::memory_order_relaxed);
     if (connected == 1 && ruv_alloc_record(p) != 0) return 1;
     set_bookmark_directory(bm_dir == nullptr ? L"" : bm_dir);
+    free(p->ft.bm_file);
+    p->ft.bm_file = bytes_to_wide(bm_filename, strlen(bm_filename), nullptr);
     bookmark_guard_small_files(conf.small_file_guard != 0);
     ft_bm *group = add_group(p);
     if (group == nullptr || update_file_list(group) < 0) {

@@ -98,6 +98,10 @@ TEST_F(Process, DeliversWhatIsThere) {
     ASSERT_EQ(p.bm_count, 1);
     EXPECT_NE(p.ft.bm[0]->t, nullptr);
     EXPECT_EQ(p.ft.bm[0]->p, &p);
+    ASSERT_NE(p.ft.bm_file, nullptr);
+    const std::wstring file = p.ft.bm_file;
+    EXPECT_EQ(std::string(file.begin(), file.end()), bm_filename);
+    EXPECT_EQ(bm_filename, root + "/ft_bookmark");
 }
 
 TEST_F(Process, APassThatSentIsFollowedByTheNextAtOnce) {
