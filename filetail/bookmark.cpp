@@ -15,6 +15,7 @@
 #include "core/utils.h"
 #include "filetail/bookmark_file.h"
 #include "filetail/bookmark_format.h"
+#include "filetail/identity.h"
 #include "filetail/sight.h"
 
 lock_word bm_file_lock{0};
@@ -25,6 +26,7 @@ namespace {
 bookmark_file g_file;             // guarded by bm_file_lock
 bool g_path_was_cut;              // bm_filename is not the whole path; guarded by bm_file_lock
 std::atomic<bool> g_small_files;  // opt-in small_file_guard
+std::atomic<bool> g_follow;       // opt-in rotation_drain
 
 enum class finding { kRecord, kNoRecord, kNoFile, kUnknown };
 
@@ -144,12 +146,36 @@ void start_over(fdesc *bm) {
     // otherwise.
     logger(kLogInfo, "Started reading file over cause the start of the file didn't match: %s",
            bm->n);
+    if (!g_follow.load(std::memory_order_relaxed)) return;
+    // A position that counts without its record must not be taken for one in the file before.
+    bm->h = bm->sight.head;
+    bm->t = bm->sight.tail;
+}
+
+// The position may be that of a renamed file, which is to be searched for: not when that was done
+// before, and not when the file at the path explains the record.
+bool may_have_moved(const fdesc *bm) {
+    if (!g_follow.load(std::memory_order_relaxed) || bm->drain) return false;
+    if (bm->sought && bm->sought_h == bm->h && bm->sought_l == bm->l) return false;
+    return !is_grown_small_file(bm->n, bm->h, bm->l);
+}
+
+void leave_position(fdesc *bm) {
+    if (!may_have_moved(bm)) {
+        start_over(bm);
+        return;
+    }
+    bm->moved = 1;
+    bm->sight = {};
+    bm->settled = 0;
+    logger(kLogDebug, "\tLooking for the file that was renamed from: %s", bm->n);
 }
 
 bool is_same_file(const fdesc *bm) {
-    if (bm->sight.size < bm->l) return false;
     // A renamed file is known by its inode, whatever was added to a short beginning.
-    if (bm->sight.head == bm->h || bm->drain) return true;
+    if (bm->drain) return true;
+    if (bm->sight.size < bm->l) return false;
+    if (bm->sight.head == bm->h) return true;
     return g_small_files.load(std::memory_order_relaxed) &&
            is_grown_small_file(tail_path(bm), bm->h, bm->l);
 }
@@ -164,7 +190,8 @@ void resume_or_restart(fdesc *bm) {
             logger(kLogInfo, "Resume reading file: %s starting at: %" PRIu64, bm->n, bm->l);
         }
     } else {
-        start_over(bm);
+        leave_position(bm);
+        if (bm->moved) return;
     }
     if (log_enabled(kLogDebug)) logger(kLogDebug, "\tFile location set to: %" PRIu64, bm->l);
 }
@@ -173,16 +200,22 @@ void resume_or_restart(fdesc *bm) {
 // was reached in: it is shorter than that, or another file with another beginning. Staying silent
 // until it has grown past the position would lose what comes before.
 bool is_stale_position(const fdesc *bm, uint64_t inode_before) {
-    if (!bm->known || bm->l == 0) return false;
+    if (!bm->known || bm->l == 0 || bm->drain) return false;
     return bm->sight.size < bm->l || (bm->sight.inode != inode_before && bm->sight.head != bm->h);
 }
 
 finding look_up(fdesc *bm) {
     const uint64_t inode_before = bm->sight.inode;
-    switch (look_at(bm)) {
+    const bool same_only = inode_before != 0 && g_follow.load(std::memory_order_relaxed);
+    bm->moved = 0;
+    switch (look_at(bm, same_only)) {
         case sight_result::kMissing:
             return finding::kNoFile;
         case sight_result::kUnknown:
+            return finding::kUnknown;
+        case sight_result::kOther:
+            bm->moved = 1;
+            errno = ESTALE;
             return finding::kUnknown;
         case sight_result::kSeen:
             break;
@@ -199,10 +232,10 @@ finding look_up(fdesc *bm) {
     if (found > 0 || bm->unsaved || (found < 0 && bm->known)) {
         resume_or_restart(bm);
     } else if (is_stale_position(bm, inode_before)) {
-        start_over(bm);
+        leave_position(bm);
     }
-    errno = reason;
-    if (found < 0) return finding::kUnknown;
+    errno = bm->moved ? ESTALE : reason;
+    if (found < 0 || bm->moved) return finding::kUnknown;
     return found > 0 || bm->unsaved ? finding::kRecord : finding::kNoRecord;
 }
 
@@ -235,6 +268,10 @@ void bookmark_teardown() {
     bookmark_file_close(&g_file);
 }
 
+void bookmark_follow_renames(bool on) {
+    g_follow.store(on, std::memory_order_relaxed);
+}
+
 void bookmark_guard_small_files(bool on) {
     g_small_files.store(on, std::memory_order_relaxed);
 }
@@ -252,7 +289,11 @@ int update_bookmark_fd(int fd, fdesc *bm) {
 int update_bookmark_at(int fd, fdesc *bm, uint64_t position) {
     struct stat st;
     bm->h = head_checksum(fd);
-    const uint64_t size = stat(tail_path(bm), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+    // The path may lead to the next file already; a tail that is to prove something must be that of
+    // the file that was read.
+    const bool known = g_follow.load(std::memory_order_relaxed) ? fstat(fd, &st) == 0
+                                                                : stat(tail_path(bm), &st) == 0;
+    const uint64_t size = known ? static_cast<uint64_t>(st.st_size) : 0;
     bm->t = tail_checksum(fd, size, position);
     return save(bm);
 }
@@ -289,11 +330,16 @@ void verify_bookmark_file(ft_bm *group) {
         fdesc *bm = group->f[i];
         bm->unlisted = get_bookmark(bm) == 0;
         any_unlisted |= bm->unlisted;
-        if (bm->unsaved && !bm->unlisted) save_again(bm);
+        if (bm->unsaved && !bm->unlisted && !bm->moved) save_again(bm);
     }
     for (int32_t i = 0; any_unlisted && i < group->fc; ++i) {
         if (group->f[i]->unlisted) delete_bookmark(group->f[i]->n);
     }
+}
+
+int bookmark_each(void (*visit)(void *arg, const bookmark_record &record), void *arg) {
+    const spinlock_guard guard(bm_file_lock);
+    return open_bookmarks() == 0 ? bookmark_file_each(&g_file, visit, arg) : -1;
 }
 
 bool is_bookmark_file(dev_t device, ino_t inode) {

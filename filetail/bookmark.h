@@ -16,6 +16,7 @@
 #include <cstdio>
 
 #include "core/spinlock.h"
+#include "filetail/bookmark_format.h"
 #include "filetail/tail_state.h"
 
 extern lock_word bm_file_lock;
@@ -32,6 +33,11 @@ void bookmark_teardown();
 /// Opt-in small_file_guard: with `on`, a file that had fewer than 256 bytes at its last bookmark
 /// and still begins with them is resumed after it has grown. Any thread, at any time.
 void bookmark_guard_small_files(bool on);
+
+/// Opt-in rotation_drain: with `on`, a look-up that meets another file than the record's, or than
+/// the one seen before, sets `moved` and changes no position until the directory was searched; see
+/// rotation.h. Any thread, at any time.
+void bookmark_follow_renames(bool on);
 
 /// Writes the record of `bm`: its location and the checksums of the open file. Returns 0, or -1
 /// when the record could not be written; the location in memory then counts until a write succeeds.
@@ -52,8 +58,13 @@ int update_bookmark_as_seen(fdesc *bm);
 /// Looks the record of `bm` up and sets its location to where reading must go on. Returns 1 when a
 /// record was found; 0 when there is none, or no such file (any more); -1 with errno when the file
 /// or the bookmark file could not be opened just now: the record, if any, is still there, and the
-/// location in memory is used. The same goes for a location that could not be saved.
+/// location in memory is used. The same goes for a location that could not be saved. -1 with ESTALE
+/// and `moved` set: nothing can be said before a search for the renamed file.
 int get_bookmark(fdesc *bm);
+
+/// Calls visit(arg, record) for every usable record, under `bm_file_lock`: the visitor must not
+/// call the store. Returns 0, or -1 when the bookmark file could not be read.
+int bookmark_each(void (*visit)(void *arg, const bookmark_record &record), void *arg);
 
 /// Removes the record of `path`, if any; later records move up in one write and keep their order.
 /// Returns 0, or -1 when the bookmark file could not be opened or changed.

@@ -238,6 +238,15 @@ int bookmark_file_find(bookmark_file *file, const char *path, size_t path_length
                          : find_by_scan(file, path, path_length, hit);
 }
 
+int bookmark_file_each(const bookmark_file *file,
+                       void (*visit)(void *arg, const bookmark_record &record), void *arg) {
+    return for_each_record(file->fd, [&](int32_t, const char *bytes, size_t length) {
+        const bookmark_record record = bookmark_parse(bytes, length);
+        if (record.path_length > 0) visit(arg, record);
+        return true;
+    });
+}
+
 int bookmark_file_write(bookmark_file *file, int32_t slot, const char bytes[kBookmarkRecord]) {
     if (slot < 0) return append(file, bytes);
     const int64_t offset = offset_of(slot);

@@ -47,6 +47,10 @@ void bookmark_file_close(bookmark_file *file);
 int bookmark_file_find(bookmark_file *file, const char *path, size_t path_length,
                        bookmark_hit *hit);
 
+/// Calls visit(arg, record) for every record with a usable path. Returns 0, or -1 with errno.
+int bookmark_file_each(const bookmark_file *file,
+                       void (*visit)(void *arg, const bookmark_record &record), void *arg);
+
 /// Writes `bytes` over the record in `slot`, or behind the last record when `slot` is -1, in one
 /// write. A file whose last record is short is continued at the next multiple of 199. Returns 0, or
 /// -1 with errno; a record that could not be appended leaves the file's size as it was.

@@ -215,7 +215,11 @@ void drop_vanished(ft_bm *group) {
         fdesc *file = group->f[i];
         // Kept: the file behind a removed one stays until the next scan even when it has vanished
         // too, because closing the gap moves it into a place that this scan has already passed.
-        const bool remove = file->d && !file->drain && !just_removed && !is_there_again(file);
+        if (file->d == 2 && !file->drain && !file->moved) {
+            free_fdesc(file);  // it was not seen to vanish, so that its record stays
+            continue;
+        }
+        const bool remove = file->d == 1 && !file->drain && !just_removed && !is_there_again(file);
         just_removed = remove;
         if (remove) {
             remove_file(file);
@@ -228,6 +232,48 @@ void drop_vanished(ft_bm *group) {
     path_index_clear(&group->lookup->tracked);
     for (int32_t i = 0; i < kept; ++i) {
         path_index_add(&group->lookup->tracked, hash_of(group->f[i]->n), i);
+    }
+}
+
+struct record_filter {
+    ft_bm *group;
+    const scan *what;
+};
+
+// Adds a file that this plugin would tail and does not, from its record. Memory only: the caller
+// holds the store's lock.
+void take_record(void *arg, const bookmark_record &record) {
+    const auto *filter = static_cast<const record_filter *>(arg);
+    const scan &what = *filter->what;
+    char path[kBookmarkPathLimit + 1];
+    memcpy(path, record.path, record.path_length);
+    path[record.path_length] = '\0';
+    if (record.path_length <= what.prefix ||
+        strncmp(path, what.directory.get(), what.prefix) != 0 || strchr(path + what.prefix, '/') ||
+        fnmatch(what.filter.get(), path + what.prefix, 0) == FNM_NOMATCH ||
+        find_tracked(filter->group, path)) {
+        return;
+    }
+    new_file file(make_fdesc(filter->group, path));
+    if (!file) return;
+    file->l = record.location;
+    file->h = record.head;
+    file->t = record.tail;
+    file->known = 1;
+    file->d = 2;
+    if (append_file(filter->group, file.get())) file.release();
+}
+
+// A file may have been renamed while no daemon ran, with nothing under its old name since: what is
+// left of it is known by its record only.
+void adopt_left_behind(ft_bm *group, const scan &what) {
+    record_filter filter{group, &what};
+    if (group->adopted || bookmark_each(take_record, &filter) != 0) return;
+    group->adopted = 1;
+    for (int32_t i = 0; i < group->fc; ++i) {
+        struct stat st;
+        fdesc *file = group->f[i];
+        file->moved |= file->d == 2 && lstat(file->n, &st) != 0 && errno == ENOENT;
     }
 }
 
@@ -267,7 +313,9 @@ void free_fdesc(fdesc *file) {
 int update_file_list(ft_bm *group) {
     scan what;
     if (!begin_scan(group->p, &what)) return -1;
-    for (int32_t i = 0; i < group->fc; ++i) group->f[i]->d = 1;
+    for (int32_t i = 0; i < group->fc; ++i) {
+        if (group->f[i]->d != 2) group->f[i]->d = 1;
+    }
     directory_handle directory(opendir(what.directory.get()));
     if (!directory) {
         logger(kLogWarn, "Failed to get list of files for: %s", what.directory.get());
@@ -276,10 +324,13 @@ int update_file_list(ft_bm *group) {
     logger(kLogDebug, "Getting files from dir %s with filter %s", what.directory.get(),
            what.filter.get());
     bool complete = false;
+    const bool drains = conf.rotation_drain == 1;
+    bookmark_follow_renames(drains);
     const int matched = scan_directory(group, what, directory.get(), &complete);
     directory.reset();
     if (complete) {
-        if (conf.rotation_drain == 1) {
+        if (drains) {
+            adopt_left_behind(group, what);
             rotation_watch(group, what.directory.get(), what.filter.get());
         }
         drop_vanished(group);
@@ -289,6 +340,9 @@ int update_file_list(ft_bm *group) {
     }
     bookmark_guard_small_files(conf.small_file_guard == 1);
     verify_bookmark_file(group);
+    if (complete && drains) {
+        rotation_resolve(group, what.directory.get(), what.filter.get());
+    }
     return matched;
 }
 
@@ -303,13 +357,16 @@ fdesc *add_new_file(ft_bm *group, const char *path) {
     new_file file(make_fdesc(group, path));
     if (!file) return nullptr;
     const int found = get_bookmark(file.get());
-    const bool try_again = !was_seen(file.get()) || (found < 0 && is_passing_failure(errno));
-    if (found != 1) file->l = start_of_new_file(group, file.get());
-    logger(kLogInfo, "Loaded file for tailing: %s starting at byte: %" PRIu64, path, file->l);
+    const bool try_again =
+        (!was_seen(file.get()) && !file->moved) || (found < 0 && is_passing_failure(errno));
+    if (found != 1 && !file->moved) file->l = start_of_new_file(group, file.get());
+    logger(kLogInfo, "Loaded file for tailing: %s starting at byte: %" PRIu64, path,
+           file->moved ? 0 : file->l);
     if (try_again) {
         logger(kLogError, "Error: unable to read from file. Invalid file %s", path);
         return nullptr;
     }
-    update_bookmark_as_seen(file.get());
+    // What the record says of a file that was renamed is needed until that has been found.
+    if (!file->moved) update_bookmark_as_seen(file.get());
     return append_file(group, file.get()) ? file.release() : nullptr;
 }

@@ -259,7 +259,10 @@ bool next_batch(reading *r, const delimiter *delim) {
                                    false, kReadAheadBytes,       kBatchEvents};
     const batch_request grouped{delim, r->p->ft.ft_delim_end, r->file->l, kReadAheadBytes,
                                 true,  kGroupReadAheadBytes,  group};
-    const int count = read_batch(&desk.window, r->fd, group > 0 ? grouped : one_by_one);
+    int count = read_batch(&desk.window, r->fd, group > 0 ? grouped : one_by_one);
+    if (count == 0 && desk.window.error == 0 && r->file->final) {
+        count = take_rest(&desk.window, r->file->l);
+    }
     if (count < 1) return false;
     if (group > 0 && deliver_group(r, count)) return true;
     deliver_each(r, count);
@@ -267,10 +270,24 @@ bool next_batch(reading *r, const delimiter *delim) {
     return true;
 }
 
+void complain(const char *path, int error) {
+    if (!may_complain(&desk.notes, path)) return;
+    logger(kLogError, "Error: Reading file %s : (%d)%s", path, error, strerror(error));
+}
+
+/// There is no further batch: the file's end, or trouble. What is left of a renamed file must not
+/// be taken for sent on account of trouble that passes.
+void end_reading(fdesc *file) {
+    const read_window &window = desk.window;
+    file->failed = file->drain != nullptr && (window.failure != 0 || window.error != 0);
+    file->at_end = !file->failed;
+    if (file->failed && window.failure != 0) complain(file->drain, window.failure);
+}
+
 void read_batches(reading *r, const delimiter *delim, int throttle) {
     while (may_go_on() && (r->handled < throttle || r->rewritten)) {
         if (!next_batch(r, delim)) {
-            r->file->at_end = 1;
+            end_reading(r->file);
             return;
         }
         if (!r->send_failed) continue;
@@ -289,7 +306,7 @@ void read_open_file(reading *r, const delimiter *delim, int throttle) {
         return;
     }
     r->file->at_end = 1;
-    if (is_dry(desk.notes, status, r->file->l)) return;
+    if (!r->file->final && is_dry(desk.notes, status, r->file->l)) return;
     r->file->at_end = 0;
     forget_text(&desk.window);
     read_batches(r, delim, throttle);
@@ -307,17 +324,16 @@ void read_open_file(reading *r, const delimiter *delim, int throttle) {
 }  // namespace
 
 read_outcome read_file(fdesc *file, int throttle) {
+    if (file->moved) return {0, false};  // where it begins is not known yet
     plugin *p = file->p->p;
     const delimiter *delim = plugin_delimiter(p);
     const owned_descriptor fd(open_tailed(tail_path(file)));
     if (fd.get() < 0) {
-        const int error = errno;
-        if (may_complain(&desk.notes, tail_path(file))) {
-            logger(kLogError, "Error: Reading file %s : (%d)%s", tail_path(file), error,
-                   strerror(error));
-        }
+        complain(tail_path(file), errno);
+        file->failed = file->drain != nullptr;
         return {0, true};
     }
+    file->failed = 0;
     reading r{file, p, fd.get(), nullptr, 0, false, false};
     if (delim != nullptr) read_open_file(&r, delim, throttle);
     return {r.handled, false};

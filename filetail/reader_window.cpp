@@ -18,7 +18,10 @@ bool make_room(read_window *window, uint64_t position, size_t wanted) {
     const size_t left = window->length - skip;
     if (window->room < wanted) {
         std::unique_ptr<char[]> larger(new (std::nothrow) char[wanted]);
-        if (!larger) return false;
+        if (!larger) {
+            errno = ENOMEM;
+            return false;
+        }
         if (left > 0) memcpy(larger.get(), window->buffer.get() + skip, left);
         window->buffer = std::move(larger);
         window->room = wanted;
@@ -55,11 +58,20 @@ size_t bytes_at_hand(const read_window &window, uint64_t position) {
     return static_cast<size_t>(window.offset + window.length - position);
 }
 
+int take_rest(read_window *window, uint64_t position) {
+    const size_t length = bytes_at_hand(*window, position);
+    if (length == 0) return 0;
+    window->events[0] = {0, length};
+    window->read_to = position + length;
+    return 1;
+}
+
 int read_batch(read_window *window, int fd, const batch_request &request) {
     cut_progress progress{};
-    window->error = 0;
+    window->error = window->failure = 0;
     for (size_t wanted = request.first_bytes;; wanted = std::min(wanted * 2, kLongestEventBytes)) {
         if (!fill(window, fd, request, wanted)) {
+            window->failure = errno;
             forget_text(window);
             return -1;
         }

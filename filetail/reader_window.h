@@ -23,6 +23,7 @@ struct read_window {
     bool at_end = false;  /**< the file had no more when it was last asked */
     uint64_t read_to = 0; /**< place in the file behind the text that the last batch looked at */
     int error = 0;        /**< the matcher's code when the last batch ended in an error, else 0 */
+    int failure = 0;      /**< error number when the last batch could not be read, else 0 */
     event_span events[kBatchEvents];
 };
 
@@ -43,6 +44,10 @@ struct batch_request {
  * out: the end of the data, an unfinished event, or an error, which was logged.
  */
 int read_batch(read_window *window, int fd, const batch_request &request);
+
+/** Makes one event of the text at `position` that no delimiter ends. Returns 1, or 0 without any.
+ */
+int take_rest(read_window *window, uint64_t position);
 
 /** How much of the file's text from `position` on is in the window. */
 size_t bytes_at_hand(const read_window &window, uint64_t position);

@@ -5,7 +5,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -68,12 +67,14 @@ uint32_t checksum_at(int fd, uint64_t offset) {
     return computeChecksum(block);
 }
 
-void take_identity(file_sight *sight, const struct stat &st) {
-    sight->device = st.st_dev;
-    sight->inode = st.st_ino;
-    sight->size = static_cast<uint64_t>(st.st_size);
-    sight->changed_ns = nanoseconds(st.st_ctim);
-    sight->written_ns = nanoseconds(st.st_mtim);
+int open_checked(const char *path, int more_flags) {
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | more_flags);
+    if (fd < 0) return -1;
+    struct stat st;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) return fd;
+    close(fd);
+    errno = ENODEV;
+    return -1;
 }
 
 bool is_settled(const file_sight &sight) {
@@ -83,6 +84,18 @@ bool is_settled(const file_sight &sight) {
 }
 
 }  // namespace
+
+void take_identity(file_sight *sight, const struct stat &st) {
+    sight->device = st.st_dev;
+    sight->inode = st.st_ino;
+    sight->size = static_cast<uint64_t>(st.st_size);
+    sight->changed_ns = nanoseconds(st.st_ctim);
+    sight->written_ns = nanoseconds(st.st_mtim);
+}
+
+bool is_inode(const struct stat &st, const file_sight &sight) {
+    return st.st_ino == sight.inode && st.st_dev == sight.device;
+}
 
 bool is_as_seen(const file_sight &sight, const struct stat &st) {
     return sight.inode == st.st_ino && sight.device == st.st_dev &&
@@ -102,45 +115,35 @@ uint32_t tail_checksum(int fd, uint64_t size, uint64_t position) {
 }
 
 int open_regular(const char *path) {
-    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    struct stat st;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) return fd;
-    close(fd);
-    errno = ENODEV;
-    return -1;
+    return open_checked(path, 0);
 }
 
-sight_result look_at(fdesc *file) {
+int open_renamed(const char *path) {
+    return open_checked(path, O_NOFOLLOW);
+}
+
+size_t read_head(int fd, char block[kHeadBytes]) {
+    return read_block(fd, block, 0);
+}
+
+sight_result look_at(fdesc *file, bool same_only) {
     const char *path = tail_path(file);
     struct stat st;
     if (stat(path, &st) == 0) {
+        if (same_only && !is_inode(st, file->sight)) return sight_result::kOther;
         if (!S_ISREG(st.st_mode)) return sight_result::kMissing;
         if (file->settled && is_as_seen(file->sight, st)) return sight_result::kSeen;
     }
-    const owned_descriptor fd(open_regular(path));
+    const owned_descriptor fd(file->drain ? open_renamed(path) : open_regular(path));
     if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
         file->settled = 0;
-        return errno == ENOENT || errno == ENODEV ? sight_result::kMissing : sight_result::kUnknown;
+        if (errno != ENOENT && errno != ENODEV) return sight_result::kUnknown;
+        return same_only ? sight_result::kOther : sight_result::kMissing;
     }
+    if (same_only && !is_inode(st, file->sight)) return sight_result::kOther;
     take_identity(&file->sight, st);
     file->settled = is_settled(file->sight);
     file->sight.head = head_checksum(fd.get());
     file->sight.tail = tail_checksum(fd.get(), file->sight.size, 0);
     return sight_result::kSeen;
-}
-
-bool is_grown_small_file(const char *path, uint32_t head, uint64_t location) {
-    if (location >= kHeadBytes) return false;
-    const owned_descriptor fd(open_regular(path));
-    if (fd.get() < 0) return false;
-    char block[kHeadBytes];
-    const size_t size = read_block(fd.get(), block, 0);
-    // Fewer bytes than the location would mean that the file was emptied before that bookmark was
-    // written; what stands there now was then never sent.
-    for (size_t kept = std::min<size_t>(size, kHeadBytes - 1) + 1; kept-- > location;) {
-        std::memset(block + kept, 0, kHeadBytes - kept);
-        if (computeChecksum(block) == head) return true;
-    }
-    return false;
 }

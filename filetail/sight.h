@@ -24,16 +24,25 @@ uint32_t tail_checksum(int fd, uint64_t size, uint64_t position);
 /// terminal. Returns a descriptor of a regular file, or -1 with errno (ENODEV: no regular file).
 int open_regular(const char *path);
 
+/// The same for a renamed file, which must stand in the directory itself: links are not followed.
+int open_renamed(const char *path);
+
+/// Reads the first 256 bytes; missing ones become zeros. Returns how many the file has.
+size_t read_head(int fd, char block[kHeadBytes]);
+
+/// Fills everything in *sight but the checksums.
+void take_identity(file_sight *sight, const struct stat &st);
+
+/// True when the status is that of the file that was looked at, changed or not.
+bool is_inode(const struct stat &st, const file_sight &sight);
+
 /// True when a file with this status is the one that was looked at, and has not changed since.
 bool is_as_seen(const file_sight &sight, const struct stat &st);
 
-enum class sight_result { kSeen, kMissing, kUnknown };
+enum class sight_result { kSeen, kMissing, kUnknown, kOther };
 
 /// Looks at tail_path(file) and fills its `sight`; a file that has not changed since it was last
 /// looked at is not read again. kMissing: there is no such regular file; kUnknown: it could not be
-/// opened just now, errno says why.
-sight_result look_at(fdesc *file);
-
-/// True when the file began with fewer than 256 bytes at its last bookmark and still begins with
-/// them: `head` is the checksum of `location` or more of its first 255 bytes, padded with zeros.
-bool is_grown_small_file(const char *path, uint32_t head, uint64_t location);
+/// opened just now, errno says why. With `same_only` a path that no longer leads to the file that
+/// was looked at before is kOther, and `sight` stays.
+sight_result look_at(fdesc *file, bool same_only);

@@ -33,7 +33,8 @@ struct fdesc {
     uint64_t l;  ///< location: bytes whose events have been sent
     uint32_t h;  ///< head checksum of the record, as last written or found
     uint32_t t;  ///< tail checksum of the record, as last written or found
-    uint8_t d;   ///< 1 = not yet met in the current scan of the directory
+    uint8_t d;   ///< 1 = not yet met in the current scan of the directory; 2 = never met, only
+                 ///< its record and a renamed file are known
 
     uint8_t known;     ///< 1 = `l`, `h` and `t` were written to the record or found in it
     uint8_t unsaved;   ///< 1 = the last bookmark write failed: `l` is newer than the record
@@ -41,7 +42,17 @@ struct fdesc {
     uint8_t settled;   ///< 1 = `sight` was taken well after the file's last change
     uint8_t at_end;    ///< set by the reader: 1 = it stopped because no complete event was left
     file_sight sight;
-    char *drain;  ///< renamed file whose unread rest comes first, else null; owned
+
+    // Opt-in rotation_drain; all zero without it.
+    char *drain;     ///< renamed file whose unread rest comes first, else null; owned
+    uint8_t moved;   ///< 1 = the position belongs to a file that is not at the path (any more):
+                     ///< nothing is read before the directory has been searched for it
+    uint8_t final;   ///< 1 = nothing will be added to `drain`: text without a delimiter is an event
+    uint8_t failed;  ///< set by the reader: 1 = `drain` could not be read just now
+    uint8_t sought;  ///< 1 = what the record of the next two words was written for has no rest
+    uint32_t sought_h;
+    uint64_t sought_l;
+    int64_t failing_since;  ///< seconds of the monotonic clock; 0 = nothing fails
 };
 
 /// The file to read for `file`: a renamed predecessor while its rest is being drained.
@@ -58,4 +69,5 @@ struct ft_bm {
 
     int32_t room;         ///< entries that `f` can hold
     tail_lookup *lookup;  ///< discovery's tables for finding a path in `f`; owned
+    uint8_t adopted;      ///< rotation_drain: records without a file were looked through
 };

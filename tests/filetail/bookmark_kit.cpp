@@ -118,6 +118,7 @@ void StoreTest::TearDown() {
     for (fdesc *file : files) free_fdesc(file);
     bookmark_teardown();
     bookmark_guard_small_files(false);
+    bookmark_follow_renames(false);
     std::filesystem::remove_all(root);
 }
 

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "config/plugin_record.h"
@@ -40,17 +41,23 @@ class ScanTest : public StoreTest {
         group = new_tail_group(&owner);
     }
     // What the reader does when it has sent everything of the file that `f[i]` reads now.
-    void read_all(int i) {
+    void read_all(int i) { read_some(i, SIZE_MAX); }
+    // The same for the next bytes of it only.
+    void read_some(int i, size_t bytes) {
         fdesc *file = group->f[i];
+        if (file->moved) return;
         FILE *stream = fopen(tail_path(file), "r");
         ASSERT_NE(stream, nullptr);
         std::string unread;
         fseek(stream, static_cast<long>(file->l), SEEK_SET);
-        for (int c; (c = fgetc(stream)) != EOF;) unread += static_cast<char>(c);
+        for (int c; unread.size() < bytes && (c = fgetc(stream)) != EOF;) {
+            unread += static_cast<char>(c);
+        }
+        const bool at_end = unread.size() < bytes;
         file->l += unread.size();
         received += unread;
         ASSERT_EQ(update_bookmark(stream, file), 0);
-        file->at_end = 1;
+        file->at_end = at_end;
         fclose(stream);
     }
 

@@ -2,6 +2,8 @@
 
 #include "filetail/rotation.h"
 
+#include <unistd.h>
+
 #include "filetail/reader.h"
 #include "tests/filetail/discovery_kit.h"
 
@@ -76,12 +78,30 @@ TEST_F(RotationTest, NewFileMayComeLater) {
     pass();
     EXPECT_EQ(received, old_text + rest);
     ASSERT_EQ(group->fc, 1) << "kept while its rest is read";
-    pass();
+    EXPECT_EQ(image().size(), 199u);
+    write_file(path, fresh);
+    for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + fresh);
+}
+
+// The writer may still have the renamed file open while nothing stands under the old name, but not
+// for ever.
+TEST_F(RotationTest, FileThatNeverComesBackIsForgotten) {
+    rename_to("a.log.1");
+    for (int i = 0; i < 3; ++i) pass();
+    append_file(logs + "a.log.1", "late\n");
+    for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + "late\n");
+    ASSERT_EQ(group->fc, 1);
+    for (int i = 0; i < 600 && group->fc > 0; ++i) {
+        pass();
+        usleep(50'000);
+    }
     EXPECT_EQ(group->fc, 0);
     EXPECT_EQ(image(), "");
     write_file(path, fresh);
     for (int i = 0; i < 3; ++i) pass();
-    EXPECT_EQ(received, old_text + rest + fresh);
+    EXPECT_EQ(received, old_text + rest + "late\n" + fresh);
 }
 
 TEST_F(RotationTest, RestIsNotGivenUpWhileItCouldNotBeSent) {
@@ -131,6 +151,106 @@ TEST_F(RotationTest, NothingLeftToReadIsNoDrain) {
     EXPECT_EQ(file->l, 0u);
     for (int i = 0; i < 2; ++i) pass();
     EXPECT_EQ(received, old_text + rest + fresh);
+}
+
+// A rename finds the writer with the old file open: it goes on there until it is told.
+TEST_F(RotationTest, WriterThatIsLateIsWaitedFor) {
+    for (const bool read_before : {false, true}) {
+        SCOPED_TRACE(read_before);
+        if (read_before) pass();
+        rename_to(read_before ? "a.log.1" : "a.log.2");
+        const std::string renamed = logs + (read_before ? "a.log.1" : "a.log.2");
+        write_file(path, "");
+        for (int i = 0; i < 3; ++i) pass();
+        append_file(renamed, "late\n");
+        for (int i = 0; i < 3; ++i) pass();
+        append_file(renamed, "later\n");
+        write_file(path, fresh);
+        for (int i = 0; i < 3; ++i) pass();
+    }
+    EXPECT_EQ(received, old_text + rest + "late\nlater\n" + fresh + "late\nlater\n" + fresh);
+}
+
+TEST_F(RotationTest, RenamedBetweenTheScanAndTheLookUp) {
+    for (const std::string &head : {std::string("another head\n"), old_text}) {
+        SCOPED_TRACE(head);
+        received.clear();
+        rename_to("a.log.1");
+        write_file(path, head + fresh);
+        const uint64_t location = file->l;
+        verify_bookmark_file(group);
+        EXPECT_EQ(file->moved, 1);
+        EXPECT_EQ(file->l, location);
+        EXPECT_EQ(read_events(file, 1000), 0) << "nothing is known of it yet";
+        EXPECT_EQ(file->l, location);
+        for (int i = 0; i < 3; ++i) pass();
+        EXPECT_EQ(received, rest + head + fresh);
+        received.clear();
+        append_file(path, rest);
+    }
+}
+
+TEST_F(RotationTest, RenamedBetweenTheScanAndTheLookUpWithNothingInItsPlace) {
+    const std::string before = image();
+    rename_to("a.log.1");
+    verify_bookmark_file(group);
+    EXPECT_EQ(image(), before) << "the record says where the rest begins";
+    write_file(path, fresh);
+    for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + fresh);
+}
+
+TEST_F(RotationTest, ReplacedByAnEditorStartsOver) {
+    pass();
+    write_file(logs + "new", fresh);
+    std::filesystem::rename(logs + "new", path);
+    for (int i = 0; i < 2; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + fresh);
+    EXPECT_EQ(file->drain, nullptr);
+}
+
+TEST_F(RotationTest, RestThatIsDeletedIsReported) {
+    rename_to("a.log.1");
+    write_file(path, fresh);
+    update_file_list(group);
+    std::filesystem::remove(logs + "a.log.1");
+    Capture log;
+    update_file_list(group);
+    EXPECT_EQ(count_of(log.text(), ":(WARN) Lost the unread rest of renamed file: " + logs +
+                                       "a.log.1: " + std::to_string(rest.size()) + " byte(s)\n"),
+              1u);
+}
+
+// A read that fails is no end of the file.
+TEST_F(RotationTest, TroubleWithTheRestDoesNotEndIt) {
+    rename_to("a.log.1");
+    write_file(path, fresh);
+    update_file_list(group);
+    file->at_end = 0;
+    file->failed = 1;
+    for (int i = 0; i < 5; ++i) update_file_list(group);
+    EXPECT_NE(file->drain, nullptr);
+    for (int i = 0; i < 3; ++i) {
+        file->failed = 0;
+        pass();
+    }
+    EXPECT_EQ(received, old_text + rest + fresh);
+}
+
+TEST_F(RotationTest, TroubleThatLastsIsReportedAndGivenUp) {
+    rename_to("a.log.1");
+    write_file(path, fresh);
+    update_file_list(group);
+    file->failed = 1;
+    update_file_list(group);
+    ASSERT_NE(file->drain, nullptr);
+    file->failing_since -= 60;
+    Capture log;
+    update_file_list(group);
+    EXPECT_EQ(file->drain, nullptr);
+    EXPECT_EQ(count_of(log.text(), ":(WARN) Lost the unread rest of renamed file: "), 1u);
+    for (int i = 0; i < 2; ++i) pass();
+    EXPECT_EQ(received, old_text + fresh);
 }
 
 TEST_F(RotationTest, AnotherFileWithTheInodeIsNotTaken) {
