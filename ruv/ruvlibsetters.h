@@ -68,7 +68,8 @@ int RUVAlertSet_domain(void *record, const char *text, int len);      /**< name 
 int RUVAlertSet_command(void *record, const char *text, int len);     /**< all versions but 4 */
 int RUVAlertSet_object(void *record, const char *text, int len);      /**< versions 4 to 6 */
 
-/** Packet bytes, cut at 8000; `len` 0 is an empty packet, since packets have no terminator. */
+/** Packet bytes, cut at 8000. A `len` of 0 means, as for texts, the bytes up to the first zero, so
+ * leave the call out for an empty packet. */
 int RUVAlertSet_packet(void *record, const void *bytes, int len);
 int RUVAlertSet_3rd_party_type(void *record, uint16_t type); /**< version 6; survives a reset */
 

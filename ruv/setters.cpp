@@ -104,7 +104,10 @@ int set_third_party_type(void *record, uint32_t type, unsigned versions, uint16_
 int set_packet(void *record, const void *bytes, int len) {
     if (is_no_value(bytes, len)) return 0;
     if (libruv_setter_helper_str(record, kAlert, bytes, len) != 0) return -1;
-    len = std::min(len, kPacketMax);
+    // Kept: length 0 is measured like a text's, although packets may hold zero bytes; callers know
+    // one rule for every pointer with a length. The search ends where the packet would be cut.
+    len = len == 0 ? static_cast<int>(strnlen(static_cast<const char *>(bytes), kPacketMax))
+                   : std::min(len, kPacketMax);
     data_of(record)->data.data.pkt = static_cast<const uint8_t *>(bytes);
     data_of(record)->data.data.pkt_len = static_cast<uint16_t>(len);
     data_of(record)->data.ok_to_send |= 0x20000000;

@@ -1,6 +1,9 @@
 // Setters: ranges, clamps and the odd ones. What all have in common is in setter_grid_test.cpp.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <memory>
+
 #include "tests/ruv/record_kit.h"
 
 namespace {
@@ -104,12 +107,18 @@ TEST(Setter, PacketIsClampedAt8000) {
     }
 }
 
-// A packet is no text: it has no terminator that could be looked for.
-TEST(Setter, PacketOfLengthZeroStaysEmpty) {
+TEST(Setter, PacketOfLengthZeroIsMeasuredLikeAText) {
     const auto record = kit::make(1, 6);
-    EXPECT_EQ(0, RUVAlertSet_packet(record.get(), "abc", 0));
-    EXPECT_EQ(0, record->data.data.pkt_len);
+    EXPECT_EQ(3, RUVAlertSet_packet(record.get(), "abc", 0));
+    EXPECT_EQ(3, record->data.data.pkt_len);
     EXPECT_EQ(0x20000000u, record->data.ok_to_send);
+    EXPECT_EQ(0, RUVAlertSet_packet(record.get(), "", 0));
+    EXPECT_EQ(0, record->data.data.pkt_len);
+    // No byte behind the longest packet is read: this buffer has none, and no zero byte either.
+    const auto bytes = std::make_unique<char[]>(8000);
+    memset(bytes.get(), 1, 8000);
+    EXPECT_EQ(8000, RUVAlertSet_packet(record.get(), bytes.get(), 0));
+    EXPECT_EQ(8000, record->data.data.pkt_len);
     RUVResetData(record.get());
     EXPECT_EQ(0, RUVAlertSet_packet(record.get(), nullptr, 0));
     EXPECT_EQ(0u, record->data.ok_to_send);
