@@ -32,8 +32,8 @@ def cannot():
     """Why there is no sandbox here, or None. A launcher that is broken is no reason: it raises."""
     if os.geteuid() != 0:
         return "needs root, to become the service's account"
-    if namespace() is None:
-        return "needs a mount namespace"
+    if namespace() is None or "--map-root-user" in namespace():
+        return "needs a mount namespace of the machine's own root"
     probe = Probe()
     probe.setUp()
     try:
