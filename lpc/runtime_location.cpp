@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 namespace velmor_com::NQ::LPC {
@@ -40,6 +41,8 @@ bool parse_shared_lib_location(const std::string &text, std::string *folder) {
     if (end == std::string::npos) return false;
     *folder = text.substr(begin, end - begin);
     std::erase(*folder, '\n');
+    // Where a C string ends; behind a NUL the name of the library would not be seen.
+    folder->resize(strlen(folder->c_str()));
     return true;
 }
 

@@ -35,6 +35,13 @@ TEST(RuntimeLocation, TheValueBetweenTheTags) {
     }
 }
 
+TEST(RuntimeLocation, AValueEndsAtANul) {
+    std::string text = "<SharedLibLocation>/opt/x.so#/y</SharedLibLocation>", value;
+    text[text.find('#')] = '\0';
+    EXPECT_TRUE(parse_shared_lib_location(text, &value));
+    EXPECT_EQ(value, "/opt/x.so");
+}
+
 TEST(RuntimeLocation, AFileOfAtMostEightKilobytes) {
     TempFolder folder;
     std::string text = "<SharedLibLocation>/opt/x</SharedLibLocation>", value;
