@@ -40,6 +40,24 @@ class Pages(unittest.TestCase):
         self.assertGreater(len(calls), 100)
         self.assertEqual(set(re.findall(r"\*(RUV\w+)\*", page)), calls)
 
+    def test_calls_have_the_types_of_the_headers(self):
+        page = source("ruv.3").replace("\\", "")
+        plain = {re.sub(r"[*_ ]", "", line.removesuffix("++")) for line in page.split("\n")}
+        compared = 0
+        for header in ("ruvlib.h", "ruvlibsetters.h"):
+            text = re.sub(r"/\*.*?\*/", "", (ROOT / "ruv" / header).read_text(), flags=re.S)
+            for call in re.findall(r"^(?:const )?\w+[ *]+RUV\w+\([^;]*\);", text, re.M):
+                call = re.sub(r"\(void \*arg\)", "(void *)", call.rstrip(";"))
+                with self.subTest(call):
+                    self.assertIn(re.sub(r"[*_\s]", "", call), plain)
+                compared += 1
+        self.assertGreater(compared, 100)
+
+    def test_protocol_page_shows_the_header_of_the_wire_format(self):
+        shown = re.search(r"^(06 .*?)  .*data type 3", source("ruv_protocol.7"), re.M)[1]
+        dump = (ROOT / "docs" / "wire-format.md").read_text().split("```ruv syslog-6\n")[1]
+        self.assertEqual(shown, dump.split("\n")[1][6:17])
+
     def test_error_codes_and_their_entries_are_the_same(self):
         section = source("ruv.3").split("# ERRORS")[1].split("\n# ")[0]
         entries = [int(code) for code in re.findall(r"^\*(\d+)\*$", section, re.M)]
