@@ -23,7 +23,7 @@
  */
 #include <stdint.h>
 
-#include "ruv/ruvlib.h"
+#include "ruvlib.h"
 
 #pragma GCC visibility push(default)
 #ifdef __cplusplus

@@ -41,6 +41,10 @@ def main():
         source = HERE / "consumer" / "consumer.c"
         run(cc, *strict, source, "-o", work / "pc_shared", *flags)
         run(cc, *strict, source, "-o", work / "pc_static", *static)
+        for header in ("ruvlib.h", "ruvlibsetters.h"):
+            alone = work / "alone.c"
+            alone.write_text(f'#include "{header}"\nint main(void) {{ return RUVSetLogging(0); }}\n')
+            run(cc, *strict, f"-I{prefix}/include/ruv", alone, "-o", work / "alone", *flags[-2:])
         run(cxx, "-std=c++11", "-pedantic", "-Wall", "-Wextra", "-Werror",
             HERE / "consumer" / "consumer.cpp", "-o", work / "pc_cxx", *flags)
         examples = prefix / "share" / "doc" / "libruv-dev" / "examples"

@@ -180,6 +180,8 @@ def check_sizes(tree):
         tree.say("tests/tidy/exceptions.txt", 1, f"not needed any more: {name} {kind}")
 
 
+# Installed beside each other and found from whatever directory their users name.
+PUBLIC_HEADERS = ("ruv/ruvlib.h", "ruv/ruvlibsetters.h")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 
 
@@ -212,6 +214,8 @@ def check_levels(tree):
             tree.say(name, 1, f"{own} has no row in tests/tidy/levels.txt")
             continue
         for line, kind, target in includes_of(tree.text(name)):
+            if name in PUBLIC_HEADERS and f"{folder}/{target}" in PUBLIC_HEADERS:
+                target = f"{folder}/{target}"
             other = module_of(target)
             if kind != '"' or other == own:
                 continue
