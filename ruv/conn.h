@@ -95,6 +95,6 @@ struct RUVConn {
     ssl_ctx_st *tls_ctx;     ///< own context; null with tls_opted set: never connect
     char *tls_name;          ///< name or address that the certificate must carry
     int tls_cert_wanted;     ///< the peer asked for a client certificate and none is set
-    char tls_reason[160];    ///< why the last TLS operation failed, for RUVStrError
+    char tls_reason[352];    ///< why the last TLS operation failed, for RUVStrError
     group_queue_t group;
 };

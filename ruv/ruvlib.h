@@ -101,7 +101,7 @@ int RUVSetInterrupt(RUVConn *conn, int (*stopping)(void *arg), void *arg);
  * @param peer_name    host name or IP address that the certificate must carry; NULL or "" for
  *                     the host of the handle
  * @param cert_file    PEM file of the client certificate (chain), or NULL
- * @param key_file     PEM file of its private key, or NULL when it stands in cert_file
+ * @param key_file     PEM file of its private key, without a pass phrase; NULL: in cert_file
  * @return 0, or -1: error 2 (arg #k), 6 with the reason in RUVStrError()'s text, 1, 20. Reads
  *         the files now. */
 int RUVSetTLSOptions(RUVConn *conn, const char *min_version, const char *ca_file,

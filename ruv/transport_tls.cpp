@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 #include <poll.h>
@@ -13,8 +14,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "ruv/error.h"
+#include "ruv/tls_reason.h"
 #include "ruv/wait.h"
 
 namespace ruv {
@@ -25,6 +28,8 @@ constexpr int kHandshakeWaitMs = 1;        // length of each
 constexpr int kWaitsPerQuestion = 200;     // to the interrupt callback
 constexpr size_t kLargestPiece = 1 << 30;  // the TLS library counts in int
 constexpr int kDrainedPieces = 64;         // read and dropped before a close
+constexpr size_t kShownName = 64;          // of a certificate, in a reason
+constexpr size_t kShownDetail = 160;
 
 SSL_CTX *g_context = nullptr;    // process-wide, read-only after library start
 BIO_METHOD *g_socket = nullptr;  // the socket BIO below
@@ -84,19 +89,150 @@ const char *reason_text(unsigned long err, const char *otherwise) {
     return text ? text : otherwise;
 }
 
-// Why the last operation failed, in words, for a handle that checks its peer.
-void note_reason(RUVConn *conn, unsigned long err) {
-    if (!conn->tls_opted) return;
-    const long verdict = conn->ssl_conn ? SSL_get_verify_result(conn->ssl_conn) : X509_V_OK;
-    const char *reason = reason_text(err, "connection closed");
-    if (verdict != X509_V_OK)
-        snprintf(conn->tls_reason, sizeof conn->tls_reason, "the Receiver's certificate: %s",
-                 X509_verify_cert_error_string(verdict));
-    else if (conn->tls_cert_wanted)
-        snprintf(conn->tls_reason, sizeof conn->tls_reason,
-                 "the Receiver asks for a client certificate and none is set (%s)", reason);
+// What a refusal means and what mends it, by the verdict on a certificate and by the library's
+// reason. Others speak for themselves.
+struct hint {
+    int code;
+    const char *text;
+};
+
+constexpr const char *kUnknownAuthority =
+    "whoever signed it is not among the trusted certificates; add that authority if it is yours";
+constexpr hint kVerdictHints[] = {
+    {X509_V_ERR_CERT_HAS_EXPIRED, "it has to be renewed, unless the clock here is wrong"},
+    {X509_V_ERR_CERT_NOT_YET_VALID, "compare the clocks of the two hosts"},
+    {X509_V_ERR_HOSTNAME_MISMATCH, "expect one of the names that it carries, or replace it"},
+    {X509_V_ERR_IP_ADDRESS_MISMATCH, "expect one of the names that it carries, or replace it"},
+    {X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT, kUnknownAuthority},
+    {X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN, kUnknownAuthority},
+    {X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT, kUnknownAuthority},
+    {X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY, kUnknownAuthority},
+    {X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE, kUnknownAuthority},
+};
+
+constexpr const char *kOlderOnly = "the Receiver offers only TLS versions below the lowest allowed";
+constexpr const char *kOwnRefused =
+    "the Receiver refuses the client certificate; it must be valid and signed by one that it "
+    "trusts";
+constexpr hint kReasonHints[] = {
+    {SSL_R_TLSV1_ALERT_PROTOCOL_VERSION, kOlderOnly},
+    {SSL_R_UNSUPPORTED_PROTOCOL, kOlderOnly},
+    {SSL_R_WRONG_VERSION_NUMBER, "what listens there does not speak TLS"},
+    {SSL_R_TLSV1_ALERT_UNKNOWN_CA, kOwnRefused},
+    {SSL_R_SSLV3_ALERT_BAD_CERTIFICATE, kOwnRefused},
+    {SSL_R_SSLV3_ALERT_CERTIFICATE_EXPIRED, kOwnRefused},
+    {SSL_R_SSLV3_ALERT_CERTIFICATE_REVOKED, kOwnRefused},
+    {SSL_R_SSLV3_ALERT_CERTIFICATE_UNKNOWN, kOwnRefused},
+};
+
+template <size_t N>
+const char *hint_of(const hint (&table)[N], int code) {
+    for (const hint &row : table)
+        if (row.code == code) return row.text;
+    return nullptr;
+}
+
+// ---- What a certificate says of itself, shortened and made printable.
+
+void append_text(char *out, size_t size, const ASN1_STRING *text) {
+    const int length = ASN1_STRING_length(text);
+    tls_append_foreign(out, size, ASN1_STRING_get0_data(text), static_cast<size_t>(length));
+}
+
+void append_common_name(char *out, size_t size, const X509_NAME *name) {
+    const int at = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
+    if (at >= 0)
+        append_text(out, size, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, at)));
     else
-        snprintf(conn->tls_reason, sizeof conn->tls_reason, "%s", reason);
+        tls_append_foreign(out, size, "unnamed", 7);
+}
+
+void append_address(char *out, size_t size, const ASN1_OCTET_STRING *address) {
+    char text[INET6_ADDRSTRLEN] = "?";
+    const int length = ASN1_STRING_length(address);
+    if (length == 4 || length == 16)
+        inet_ntop(length == 4 ? AF_INET : AF_INET6, ASN1_STRING_get0_data(address), text,
+                  sizeof text);
+    tls_append_foreign(out, size, text, strlen(text));
+}
+
+// The names and addresses that a host may be expected by.
+void append_host_names(char *out, size_t size, X509 *cert) {
+    auto *names = static_cast<GENERAL_NAMES *>(
+        X509_get_ext_d2i(cert, NID_subject_alt_name, nullptr, nullptr));
+    const size_t before = strlen(out);
+    for (int i = 0; i < sk_GENERAL_NAME_num(names); ++i) {
+        const GENERAL_NAME *name = sk_GENERAL_NAME_value(names, i);
+        if (name->type != GEN_DNS && name->type != GEN_IPADD) continue;
+        if (strlen(out) > before) tls_append_foreign(out, size, ", ", 2);
+        if (name->type == GEN_DNS)
+            append_text(out, size, name->d.dNSName);
+        else
+            append_address(out, size, name->d.iPAddress);
+    }
+    GENERAL_NAMES_free(names);
+    if (strlen(out) == before) append_common_name(out, size, X509_get_subject_name(cert));
+}
+
+void append_time(char *out, size_t size, const ASN1_TIME *time) {
+    tm when = {};
+    char text[64] = "?";
+    if (ASN1_TIME_to_tm(time, &when) == 1) strftime(text, sizeof text, "%F %T UTC", &when);
+    tls_append_foreign(out, size, text, strlen(text));
+}
+
+// What there is to know about the certificate that caused the verdict.
+void describe_certificate(const RUVConn *conn, int verdict, X509 *cert, char *out, size_t size) {
+    if (verdict == X509_V_ERR_HOSTNAME_MISMATCH || verdict == X509_V_ERR_IP_ADDRESS_MISMATCH) {
+        char expected[kShownName] = "";
+        tls_append_foreign(expected, sizeof expected, conn->tls_name, strlen(conn->tls_name));
+        snprintf(out, size, "expected %s, offered ", expected);
+        return append_host_names(out, size, cert);
+    }
+    char subject[kShownName] = "";
+    append_common_name(subject, sizeof subject, X509_get_subject_name(cert));
+    const bool expired = verdict == X509_V_ERR_CERT_HAS_EXPIRED;
+    if (expired || verdict == X509_V_ERR_CERT_NOT_YET_VALID) {
+        snprintf(out, size, "%s, valid %s ", subject, expired ? "until" : "from");
+        return append_time(out, size,
+                           expired ? X509_get0_notAfter(cert) : X509_get0_notBefore(cert));
+    }
+    snprintf(out, size, "%s, signed by ", subject);
+    append_common_name(out, size, X509_get_issuer_name(cert));
+}
+
+// Called for each certificate of the peer's chain; changes no verdict.
+int look_at_certificate(int accepted, X509_STORE_CTX *chain) {
+    if (accepted) return accepted;
+    auto *session =
+        static_cast<SSL *>(X509_STORE_CTX_get_ex_data(chain, SSL_get_ex_data_X509_STORE_CTX_idx()));
+    auto *conn = static_cast<RUVConn *>(SSL_get_app_data(session));
+    const int verdict = X509_STORE_CTX_get_error(chain);
+    const char *hint = hint_of(kVerdictHints, verdict);
+    char detail[kShownDetail] = "";
+    ERR_set_mark();
+    if (X509 *cert = X509_STORE_CTX_get_current_cert(chain))
+        describe_certificate(conn, verdict, cert, detail, sizeof detail);
+    ERR_pop_to_mark();
+    tls_note(conn, "the Receiver's certificate: %s (%s)%s%s",
+             X509_verify_cert_error_string(verdict), detail, hint ? "; " : "", hint ? hint : "");
+    return accepted;
+}
+
+// Why the last operation failed, in words, for a handle that checks its peer. What is wrong with
+// the peer's certificate was noted when it was looked at.
+void note_reason(RUVConn *conn, unsigned long err) {
+    if (!conn->tls_opted || conn->tls_reason[0]) return;
+    const char *reason = reason_text(err, "connection closed");
+    const char *more =
+        ERR_GET_LIB(err) == ERR_LIB_SSL ? hint_of(kReasonHints, ERR_GET_REASON(err)) : nullptr;
+    if (conn->tls_cert_wanted)
+        tls_note(conn,
+                 "the Receiver asks for a client certificate and none is set (%s); set one with "
+                 "its key",
+                 reason);
+    else
+        tls_note(conn, "%s%s%s%s", more ? more : "", more ? " (" : "", reason, more ? ")" : "");
 }
 
 int fail_session(RUVConn *conn, int ret, int ssl_error, int saved_errno) {
@@ -105,14 +241,6 @@ int fail_session(RUVConn *conn, int ret, int ssl_error, int saved_errno) {
     fail_tls(ret, ssl_error, static_cast<int>(err));
     errno = saved_errno;
     return -1;
-}
-
-// A file or setting that cannot be used: `what` goes before the library's reason.
-int fail_option(RUVConn *conn, const char *what) {
-    const unsigned long err = ERR_get_error();
-    snprintf(conn->tls_reason, sizeof conn->tls_reason, "%s: %s", what,
-             reason_text(err, "not usable"));
-    return fail_tls(0, 0, static_cast<int>(err));
 }
 
 // ---- Handshake.
@@ -314,6 +442,45 @@ void tls_close(RUVConn *conn) {
     ERR_clear_error();
 }
 
+namespace {
+
+constexpr const char *kCertificate = "certificate";
+
+// Without it the library would ask at the terminal, and wait there. `asked`: a bool, or null.
+int refuse_pass_phrase(char *, int, int, void *asked) {
+    if (asked) *static_cast<bool *>(asked) = true;
+    return -1;
+}
+
+int fail_file(RUVConn *conn, const tls_file &file) {
+    const unsigned long err = ERR_get_error();
+    tls_note_file(conn, file, reason_text(err, "not usable"));
+    return fail_tls(0, 0, static_cast<int>(err));
+}
+
+// The key must belong to the certificate that the context already has.
+int load_key(RUVConn *conn, const tls_file &key, const char *cert_path) {
+    bool locked = false;
+    BIO *file = BIO_new_file(key.path, "r");
+    EVP_PKEY *read =
+        file ? PEM_read_bio_PrivateKey(file, nullptr, refuse_pass_phrase, &locked) : nullptr;
+    BIO_free(file);
+    if (!read && !locked) return fail_file(conn, key);
+    const bool used = read &&
+                      X509_check_private_key(SSL_CTX_get0_certificate(conn->tls_ctx), read) &&
+                      SSL_CTX_use_PrivateKey(conn->tls_ctx, read) == 1;
+    EVP_PKEY_free(read);
+    if (used) return 0;
+    const unsigned long err = ERR_get_error();
+    if (locked)
+        tls_note_locked(conn, key);
+    else
+        tls_note_mismatch(conn, key, cert_path, reason_text(err, "not usable"));
+    return fail_tls(0, 0, static_cast<int>(err));
+}
+
+}  // namespace
+
 int tls_set_options(RUVConn *conn, const char *min_version, const char *ca_file,
                     const char *cert_file, const char *key_file) {
     const bool only_13 = is_set(min_version) && strcmp(min_version, "1.3") == 0;
@@ -323,23 +490,22 @@ int tls_set_options(RUVConn *conn, const char *min_version, const char *ca_file,
     conn->tls_ctx = SSL_CTX_new(TLS_client_method());
     SSL_CTX *context = conn->tls_ctx;
     if (!context) return fail(20);
-    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, look_at_certificate);
+    SSL_CTX_set_default_passwd_cb(context, refuse_pass_phrase);
     if (SSL_CTX_set_min_proto_version(context, only_13 ? TLS1_3_VERSION : TLS1_2_VERSION) != 1)
-        return fail_option(conn, "minimum version");
+        return fail(20);
     if (is_set(ca_file) ? SSL_CTX_load_verify_file(context, ca_file) != 1
                         : SSL_CTX_set_default_verify_paths(context) != 1)
-        return fail_option(conn, "trusted certificates");
+        return fail_file(conn,
+                         {"trusted certificates", is_set(ca_file) ? ca_file : "", kCertificate});
     if (!is_set(cert_file)) {
         SSL_CTX_set_client_cert_cb(context, note_certificate_request);
         return 0;
     }
     if (SSL_CTX_use_certificate_chain_file(context, cert_file) != 1)
-        return fail_option(conn, "client certificate");
-    const char *key = is_set(key_file) ? key_file : cert_file;
-    if (SSL_CTX_use_PrivateKey_file(context, key, SSL_FILETYPE_PEM) != 1 ||
-        SSL_CTX_check_private_key(context) != 1)
-        return fail_option(conn, "client key");
-    return 0;
+        return fail_file(conn, {"client certificate", cert_file, kCertificate});
+    return load_key(conn, {"client key", is_set(key_file) ? key_file : cert_file, "private key"},
+                    cert_file);
 }
 
 void tls_free_options(RUVConn *conn) {

@@ -97,27 +97,56 @@ class TlsOptions(DaemonTest):
         self.accepted(self.listen(self.ca.issue("r", "IP:127.0.0.1")), rec_confirm=7)
 
     def test_wrong_name_is_refused(self):
-        self.refused(self.listen(self.ca.issue("r", "DNS:other.example")), "mismatch")
+        self.refused(self.listen(self.ca.issue("r", "DNS:other.example")),
+                     "IP address mismatch (expected 127.0.0.1, offered other.example); expect one "
+                     "of the names that it carries, or replace it")
 
     def test_unknown_authority_is_refused(self):
         other = Authority(self.folder, "other")
-        self.refused(self.listen(other.issue("r", "IP:127.0.0.1")), "issuer")
+        self.refused(self.listen(other.issue("r", "IP:127.0.0.1")),
+                     "issuer certificate (r, signed by other); whoever signed it is not among the "
+                     "trusted certificates")
 
     def test_expired_certificate_is_refused(self):
         pair = self.ca.issue("r", "IP:127.0.0.1", "20200101000000Z", "20210101000000Z")
-        self.refused(self.listen(pair), "expired")
+        self.refused(self.listen(pair), "expired (r, valid until 2021-01-01 00:00:00 UTC)")
 
     def test_missing_client_certificate_is_refused(self):
         receiver = self.listen(self.ca.issue("r", "IP:127.0.0.1"), "--client-ca", self.ca.cert)
-        self.refused(receiver)
+        self.refused(receiver, "the Receiver asks for a client certificate and none is set")
 
     def test_no_way_back_to_plain_text(self):
         # The Receiver never answers a TLS hello: what is left of the wait for one is enough here.
         self.refused(self.receiver(), env={"COLLECTOR_IO_SCALE": "10"})
 
-    def test_missing_authority_file_is_refused(self):
-        self.refused(self.listen(self.ca.issue("r", "IP:127.0.0.1")), "trusted certificates",
-                     rec_tls_ca=self.folder / "absent.pem")
+    def test_files_that_cannot_be_used_are_named(self):
+        receiver = self.listen(self.ca.issue("r", "IP:127.0.0.1"))
+        cert, key = self.ca.issue("c", "DNS:collector.example")
+        other_key = self.ca.issue("d", "DNS:collector.example")[1]
+        absent, noise = self.folder / "absent.pem", self.folder / "noise.pem"
+        noise.write_text("correct horse battery staple\n")
+        locked = self.folder / "locked.key"
+        self.ca.run("pkey", "-in", key, "-aes128", "-passout", "pass:word", "-out", locked)
+        for path in (key, other_key, locked):
+            self.daemon_owns(path)
+        for settings, words in (
+                ({"rec_tls_ca": absent},
+                 f"trusted certificates {absent}: there is no such file; correct the path"),
+                ({"rec_tls_ca": noise},
+                 f"trusted certificates {noise}: it holds no usable certificate in PEM form"),
+                ({"rec_tls_cert": absent, "rec_tls_key": key},
+                 f"client certificate {absent}: there is no such file"),
+                ({"rec_tls_cert": cert, "rec_tls_key": locked},
+                 f"client key {locked}: it is protected by a pass phrase"),
+                ({"rec_tls_cert": cert, "rec_tls_key": other_key},
+                 f"client key {other_key}: it does not belong to the certificate {cert}")):
+            self.configure(receiver.port, **self.options(**settings))
+            daemon = self.start(scale=FAST)
+            daemon.wait_log("Error connecting to the Receiver: ", count=2)
+            daemon.stop()
+            self.assertIn(words, daemon.log())
+            self.assertNotIn("horse", daemon.log())
+        self.assertEqual(receiver.messages(), [])
 
 
 if __name__ == "__main__":

@@ -305,6 +305,7 @@ TEST(TlsOptions, APlainHandleBecomesAnEncryptedOne) {
     EXPECT_EQ(open_result(serving(ids().server), {}, 0), "");
 }
 
+// Their whole texts stand in tls_reason_test.cpp.
 TEST(TlsOptions, EachRefusalNamesItsReason) {
     struct row {
         tls::server_options server;
@@ -344,7 +345,6 @@ TEST(TlsOptions, UnusableOnesAreRefusedAndLeaveNoWayIn) {
     struct row {
         const char *min, *ca, *cert, *key;
         int error, argument;
-        const char *reason = "";
     };
     const std::string ca = ids().file("ca.pem"), cert = ids().file("client.pem"),
                       key = ids().file("client.key"), other = ids().file("server.key");
@@ -352,13 +352,10 @@ TEST(TlsOptions, UnusableOnesAreRefusedAndLeaveNoWayIn) {
         {"1.0", ca.c_str(), nullptr, nullptr, 2, 2},
         {"1.1", ca.c_str(), nullptr, nullptr, 2, 2},
         {"TLS", ca.c_str(), nullptr, nullptr, 2, 2},
-        {"1.2", "/nonexistent/ca.pem", nullptr, nullptr, 6, 0,
-         "trusted certificates: No such file or directory"},
-        {"1.2", ca.c_str(), "/nonexistent/cert.pem", key.c_str(), 6, 0,
-         "client certificate: No such file or directory"},
-        {"1.2", ca.c_str(), cert.c_str(), "/nonexistent/key", 6, 0,
-         "client key: No such file or directory"},
-        {"1.2", ca.c_str(), cert.c_str(), other.c_str(), 6, 0, "client key: key values mismatch"},
+        {"1.2", "/nonexistent/ca.pem", nullptr, nullptr, 6, 0},
+        {"1.2", ca.c_str(), "/nonexistent/cert.pem", key.c_str(), 6, 0},
+        {"1.2", ca.c_str(), cert.c_str(), "/nonexistent/key", 6, 0},
+        {"1.2", ca.c_str(), cert.c_str(), other.c_str(), 6, 0},
         {"1.2", ca.c_str(), nullptr, key.c_str(), 2, 5},
     };
     fake::receiver r(fake::serve());
@@ -368,10 +365,6 @@ TEST(TlsOptions, UnusableOnesAreRefusedAndLeaveNoWayIn) {
         EXPECT_EQ(RUVSetTLSOptions(conn.get(), one.min, one.ca, nullptr, one.cert, one.key), -1);
         EXPECT_EQ(ruverrno, one.error);
         EXPECT_EQ(ruverrno2, one.argument);
-        if (one.error == 6) {
-            const std::string text = text_of(conn.get(), 6);
-            EXPECT_EQ(text.substr(text.find("): ") + 3), one.reason);
-        }
         EXPECT_EQ(RUVOpen(conn.get()), -1);
         EXPECT_EQ(ruverrno, 5);
     }
