@@ -132,11 +132,12 @@ class Runtime : public ILPCRepository, public IVlrLpcFactory, public IVlrLpcLogg
             general(level, (L"level " + std::to_wstring(level)).c_str());
     }
     void play();
+    void end();
 
     std::thread player;
 
   private:
-    std::map<std::string, IServiceAdaptor *> m_adaptors;
+    std::map<std::string, IServiceAdaptor *> m_adaptors;  ///< its own, as of the contract
 };
 Runtime runtime;
 
@@ -165,6 +166,12 @@ void Runtime::play() {
         note("answer " + std::to_string(code) + queues.written());
     }
     note("script done");
+}
+
+void Runtime::end() {
+    if (player.joinable()) player.join();
+    for (const auto &[id, adaptor] : m_adaptors) delete adaptor;
+    m_adaptors.clear();
 }
 
 bool has_file(const char *name) {
@@ -221,7 +228,7 @@ ENTRY_POINT int disableLPCLib() {
 }
 
 ENTRY_POINT int deinitializeLPCLib() {
-    if (runtime.player.joinable()) runtime.player.join();
+    runtime.end();
     note("deinitializeLPCLib");
     return 0;
 }
