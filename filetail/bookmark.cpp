@@ -110,6 +110,7 @@ int write_record(const fdesc *bm) {
 int save(fdesc *bm) {
     const int result = write_record(bm);
     bm->known = 1;
+    bm->sought = 0;  // that was about the record before
     bm->unsaved = result != 0;
     return result;
 }

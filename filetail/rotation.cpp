@@ -132,6 +132,8 @@ bool is_abandoned(const fdesc *file, const struct stat &renamed) {
 // the renamed one open; once it is not, what the renamed one holds is all there will be, and its
 // last event needs no delimiter any more.
 void judge_drain(fdesc *file) {
+    // In this order: what a writer added before it went over is seen.
+    const bool over = has_successor(file);
     struct stat st;
     if (stat(file->drain, &st) != 0 || !is_inode(st, file->sight)) return;  // searched for again
     if (file->failed && !is_patient(file)) {
@@ -141,7 +143,7 @@ void judge_drain(fdesc *file) {
     }
     if (!file->failed) file->failing_since = 0;
     if (!file->at_end || static_cast<uint64_t>(st.st_size) != file->sight.size) return;
-    if (!has_successor(file) && !is_abandoned(file, st)) return;
+    if (!over && !is_abandoned(file, st)) return;
     if (file->l >= file->sight.size || file->final) {
         begin_successor(file);
     } else {
@@ -279,7 +281,8 @@ void conclude(fdesc *file, finding *found) {
             file->moved = 0;  // nothing to read, and nothing under the old name
             return;
         }
-        const bool over = !rest && has_successor(file);
+        const bool over = !rest && has_successor(file) && stat(found->path, &found->st) == 0 &&
+                          static_cast<uint64_t>(found->st.st_size) <= file->l;
         begin_drain(file, found);
         if (over) begin_successor(file);
         return;

@@ -3,6 +3,7 @@
 The daemon is held with SIGSTOP while a file is rotated, so that "the unread rest" is exactly what
 was written meanwhile.
 """
+import gzip
 import os
 import shutil
 import signal
@@ -56,6 +57,74 @@ class Rotation(DaemonTest):
         self.rotate_by_rename("app.1")
         self.finish((1, 10), (11, 15), (101, 120))
 
+    def rotate_while_down(self, stop, *names):
+        """The daemon ends behind event 10; the file with 11 to 15 gets the first name."""
+        self.begin(rotation_drain=1)
+        stop()
+        for turn, name in enumerate(names):
+            if turn == 0:
+                self.write("app.log", self.numbered(11, 15, WIDTH))
+            else:
+                self.write("app.log", self.numbered(100 * turn + 1, 100 * turn + 20, WIDTH))
+            self.path.rename(self.input / name)
+
+    def test_rotated_after_a_stop_with_drain_loses_nothing(self):
+        self.rotate_while_down(lambda: self.daemon.stop(), "app.1")
+        self.write("app.log", self.numbered(101, 120, WIDTH))
+        self.daemon = self.start()
+        self.finish((1, 10), (11, 15), (101, 120))
+
+    def test_rotated_after_a_kill_with_drain_loses_nothing(self):
+        self.rotate_while_down(lambda: self.daemon.kill(), "app.1")
+        self.write("app.log", self.numbered(101, 120, WIDTH))
+        self.daemon = self.start()
+        self.finish((1, 10), (11, 15), (101, 120))
+
+    def test_rotated_while_down_with_nothing_in_its_place(self):
+        self.rotate_while_down(lambda: self.daemon.stop(), "app.1")
+        self.daemon = self.start()
+        self.receiver_.wait_messages(15)
+        self.write("app.log", self.numbered(101, 120, WIDTH))
+        self.finish((1, 10), (11, 15), (101, 120))
+
+    def test_of_two_rotations_while_down_the_file_in_between_is_not_sent(self):
+        self.rotate_while_down(lambda: self.daemon.stop(), "app.2", "app.1")
+        self.write("app.log", self.numbered(201, 220, WIDTH))
+        self.daemon = self.start()
+        self.finish((1, 10), (11, 15), (201, 220))
+
+    def test_compressed_while_down_loses_the_unread_rest(self):
+        self.rotate_while_down(lambda: self.daemon.stop(), "app.1")
+        with gzip.open(self.input / "app.1.gz", "wb") as packed:
+            packed.write((self.input / "app.1").read_bytes())
+        (self.input / "app.1").unlink()
+        self.write("app.log", self.numbered(101, 120, WIDTH))
+        self.daemon = self.start()
+        self.finish((1, 10), (101, 120))
+
+    def test_writer_that_goes_over_later_loses_nothing_with_drain(self):
+        self.begin(rotation_drain=1)
+        renamed = self.path.rename(self.input / "app.1")
+        self.path.touch()
+        for number in range(11, 16):
+            with open(renamed, "a", encoding="utf-8") as late:
+                late.write(self.numbered(number, number, WIDTH))
+            self.receiver_.wait_messages(number)
+        self.write("app.log", self.numbered(101, 120, WIDTH))
+        self.finish((1, 10), (11, 15), (101, 120))
+
+    def test_last_event_without_its_delimiter_is_sent_by_the_drain(self):
+        self.begin(rotation_drain=1)
+        self.held()
+        self.write("app.log", self.numbered(11, 11, WIDTH)[:-1])
+        self.path.rename(self.input / "app.1")
+        self.write("app.log", self.numbered(101, 120, WIDTH))
+        self.go_on()
+        got = self.receiver_.wait_messages(31)
+        self.daemon.stop()
+        self.assertEqual(got, self.expected(1, 10, WIDTH) +
+                         [self.numbered(11, 11, WIDTH)[:-1]] + self.expected(101, 120, WIDTH))
+
     def test_renamed_file_that_matches_is_sent_again_whole(self):
         self.begin({"ft_filter": "app.log*"})
         self.rotate_by_rename("app.log.1")
@@ -76,14 +145,21 @@ class Rotation(DaemonTest):
         self.finish((1, 10), (101, 120))
 
     def test_copy_and_truncate_loses_what_came_after_the_last_pass(self):
-        self.begin()
+        self.copy_and_truncate()
+        self.finish((1, 10), (101, 108))
+
+    def test_copy_and_truncate_with_drain_reads_the_rest_in_the_copy(self):
+        self.copy_and_truncate(rotation_drain=1)
+        self.finish((1, 10), (11, 15), (101, 108))
+
+    def copy_and_truncate(self, **settings):
+        self.begin(**settings)
         self.held()
         self.write("app.log", self.numbered(11, 15, WIDTH))
         shutil.copyfile(self.path, self.input / "app.1")
         os.truncate(self.path, 0)
         self.write("app.log", self.numbered(101, 108, WIDTH))
         self.go_on()
-        self.finish((1, 10), (101, 108))
 
     def test_truncated_and_grown_past_the_old_end_with_the_same_head(self):
         self.begin()

@@ -11,6 +11,7 @@ import faults_files
 import faults_kill
 import faults_program
 import faults_receiver
+import faults_rotation
 import faults_stop
 
 
@@ -30,8 +31,8 @@ def per_kill(figures):
 
 def rows():
     table = []
-    for module in (faults_files, faults_kill, faults_stop, faults_receiver, faults_call,
-                   faults_program):
+    for module in (faults_files, faults_rotation, faults_kill, faults_stop, faults_receiver,
+                   faults_call, faults_program):
         table += [Row(**row) for row in module.ROWS]
     names = [row.name for row in table]
     assert len(set(names)) == len(names), "two rows of one name"
