@@ -7,6 +7,7 @@ namespace with an empty lock directory; where it does not, the lock is only aske
 import json
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -18,6 +19,7 @@ import zlib
 
 STATUS = os.path.abspath(sys.argv.pop(1))
 CHECK = os.path.abspath(sys.argv.pop(1))
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 LOCK = "/var/lock/velmor_siem_collector.loc"
 
 # Runs the tool with the lock held by the calling process, by one of user 65534 without groups
@@ -246,6 +248,20 @@ class Status(unittest.TestCase):
         good = record("/srv/a.log", 1, 1)
         self.bookmark(good[:-3] + b"\n", good)
         self.assertIn("record 0: damaged: /srv/a.log\n", self.run_tool("--verify").stdout)
+
+    def test_the_runbook_keeps_the_good_records(self):
+        text = (ROOT / "docs" / "runbooks.md").read_text()
+        section = text.split("## The bookmark file is damaged")[1]
+        lines = re.search(r"^```sh\n(.*?)^```", section, re.M | re.S)[1].splitlines()
+        repair = [line for line in lines if not re.match("service |cd |siem_collector_", line)]
+        self.assertEqual(len(lines) - len(repair), 4)
+        good = [record(f"/srv/{name}.log", 1, 1) for name in "abcde"]
+        self.bookmark(good[0], good[1][:-3] + b"\n", good[2], b"x" + good[3][1:], good[4],
+                      record("/srv/a.log", 2, 2), b"\0\xff", good[2][:50])
+        self.assertEqual(self.run_tool("--verify").returncode, 2)
+        subprocess.run(["sh", "-ec", "\n".join(repair)], cwd=self.marks, check=True, timeout=60)
+        self.assertEqual((self.marks / "ft_bookmark").read_bytes(), good[0] + good[2] + good[4])
+        self.assertEqual(self.run_tool("--verify").returncode, 0)
 
     def test_prometheus_file_is_written_whole(self):
         content = b"line of the log\n" * 100
