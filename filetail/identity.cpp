@@ -106,6 +106,13 @@ bool is_grown_small_file(const char *path, uint32_t head, uint64_t location) {
     return false;
 }
 
+bool begins_as_seen(int fd, const file_sight &sight) {
+    char block[kHeadBytes];
+    read_head(fd, block);
+    if (sight.size < kHeadBytes) std::memset(block + sight.size, 0, kHeadBytes - sight.size);
+    return computeChecksum(block) == sight.head;
+}
+
 bool is_predecessor(int fd, uint64_t size, const fdesc *bm) {
     if (size < bm->l || head_checksum(fd) != bm->h) return false;
     return size <= kHeadBytes || has_tail(fd, size, bm->l, bm->t);

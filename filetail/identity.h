@@ -15,6 +15,10 @@
 /// under the reader, and what stands there now was not sent.
 bool is_grown_small_file(const char *path, uint32_t head, uint64_t location);
 
+/// True when an open file still begins with what it held at the look `sight`, as far as the first
+/// 256 bytes go: it may only have grown since.
+bool begins_as_seen(int fd, const file_sight &sight);
+
 /// True when an open file of `size` bytes under another name holds what the position of `bm` was
 /// reached in, and perhaps more behind it. A file of over 256 bytes must begin with the same 256
 /// bytes and hold, at the position or behind it, the piece that the tail checksum covers: many logs

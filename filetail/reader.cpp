@@ -13,11 +13,13 @@
 #include <vector>
 
 #include "config/plugin_record.h"
+#include "config/siem_config.h"
 #include "core/execution.h"
 #include "core/siemcollector_log.h"
 #include "core/utils.h"
 #include "filetail/big_fix.h"
 #include "filetail/bookmark.h"
+#include "filetail/identity.h"
 #include "filetail/reader_notes.h"
 #include "filetail/reader_window.h"
 #include "filetail/ruv.h"
@@ -117,15 +119,18 @@ bool is_readable_here(const struct stat &status, const file_sight &verified) {
 }
 
 /// True when the head tells that the file was emptied and written anew, in place, since its
-/// position was verified: what stands at the position is not what follows the events sent.
-bool is_rewritten(const file_sight &verified, uint32_t head) {
-    return verified.inode != 0 && verified.size >= kHeadBytes && head != verified.head;
+/// position was verified: what stands at the position is not what follows the events sent. A small
+/// file's head changes whenever it grows; with its guard, its beginning is compared.
+bool is_rewritten(int fd, const file_sight &verified, uint32_t head) {
+    if (verified.inode == 0 || head == verified.head) return false;
+    if (verified.size >= kHeadBytes) return true;
+    return conf.small_file_guard == 1 && !begins_as_seen(fd, verified);
 }
 
 /// The same for a file that was opened just now; its head is read only when it has changed since.
 bool is_rewritten_here(int fd, const struct stat &status, const file_sight &verified) {
-    return verified.size >= kHeadBytes && !is_as_seen(verified, status) &&
-           is_rewritten(verified, head_checksum(fd));
+    return (verified.size >= kHeadBytes || conf.small_file_guard == 1) &&
+           !is_as_seen(verified, status) && is_rewritten(fd, verified, head_checksum(fd));
 }
 
 bool may_go_on() {
@@ -173,7 +178,7 @@ bool send_prepared(reading *r, const prepared_event &event) {
 void save_position(reading *r, uint64_t stream_place) {
     if (r->rewritten) return;
     update_bookmark_at(r->fd, r->file, stream_place);
-    if (!is_rewritten(r->file->sight, r->file->h)) return;
+    if (!is_rewritten(r->fd, r->file->sight, r->file->h)) return;
     logger(kLogInfo, "Started reading file over cause the start of the file didn't match: %s",
            r->file->n);
     const uint64_t reached = std::exchange(r->file->l, 0);

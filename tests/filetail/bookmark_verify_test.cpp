@@ -80,6 +80,45 @@ TEST_F(SmallFileGuardTest, Between255And256Bytes) {
     EXPECT_EQ(location_after_look_up(), 0u);
 }
 
+// The record's checksum covers what the file had when it was written: never less than the location,
+// unless the file was emptied in between, and then nothing of its new text was sent.
+TEST_F(SmallFileGuardTest, EveryLocationAgainstEverySizeAtTheRecord) {
+    std::string text;
+    for (int i = 0; i < 600; ++i) text += static_cast<char>('!' + i * i % 90);
+    for (const size_t grown : {size_t{3}, size_t{256}, text.size()}) {
+        write_file(path, text.substr(0, grown));
+        for (size_t size = 0; size < 256 && size < grown; size += size < 4 ? 1 : 28) {
+            for (size_t location = 0; location <= 256; location += location < 4 ? 1 : 28) {
+                write_file(bookmarks, record(location, crc256(text.substr(0, size)), 0, path));
+                const bool same = location <= size;
+                EXPECT_EQ(location_after_look_up(), same ? location : 0u)
+                    << size << " bytes at the record, location " << location << ", now " << grown;
+            }
+        }
+    }
+}
+
+TEST_F(SmallFileGuardTest, TruncatedAndWrittenAnew) {
+    write_file(path, "one\ntwo\n");
+    update(track_at(path, 8));
+    for (const std::string text :
+         {"", "one", "one\n", "one\ntwo", "one\ntWo\n", "three\nfour\nfive\n"}) {
+        write_file(path, text);
+        EXPECT_EQ(location_after_look_up(), 0u) << text;
+    }
+    write_file(path, "one\ntwo\n");
+    EXPECT_EQ(location_after_look_up(), 8u) << "equal, byte for byte: it cannot be told apart";
+}
+
+TEST_F(SmallFileGuardTest, WithoutItWhatHasGrownStartsOver) {
+    bookmark_guard_small_files(false);
+    write_file(path, "one\n");
+    update(track_at(path, 4));
+    EXPECT_EQ(location_after_look_up(), 4u);
+    append_file(path, "two\n");
+    EXPECT_EQ(location_after_look_up(), 0u);
+}
+
 class VerifyTest : public StoreTest {
   protected:
     ft_bm group = {};
