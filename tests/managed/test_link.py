@@ -24,6 +24,12 @@ class Link(ManagedTest):
         self.write("a.log", self.numbered(1, 100))
         return receiver, self.start()
 
+    def serving(self, **options):
+        """A daemon that is ready for the agent's calls: it begins to listen a little earlier."""
+        daemon = self.started(**options)[1]
+        daemon.wait_log("Started policy enforcement service")
+        return daemon
+
     def lines_of_the_link(self, daemon):
         """The messages between the arguments and the plugins, without time and level."""
         messages = [re.sub(r"^.{20}:", "", line) for line in daemon.log().split("\n")]
@@ -47,7 +53,7 @@ class Link(ManagedTest):
                         log.index("Successfully released LPC runtime"))
 
     def test_the_pass_phrase_is_the_helper_library_s(self):
-        _, daemon = self.started()
+        daemon = self.serving()
         self.assertEqual(self.ask("passphrase"), [{"bytes": 64, "accepted": True}])
         (self.agent / "LOGRELAY1000.passphrase").write_bytes(b"another")
         self.assertEqual(self.ask("passphrase", status=1), [{"bytes": 64, "accepted": False}])
@@ -55,7 +61,7 @@ class Link(ManagedTest):
 
     def test_a_missing_helper_library_is_no_hindrance(self):
         (self.agent / "libvlrlpchelper.so.4").unlink()
-        _, daemon = self.started()
+        daemon = self.serving()
         self.assertEqual(self.ask("passphrase", status=1), [{"bytes": 64, "accepted": False}])
         daemon.stop()
 
@@ -133,15 +139,14 @@ class Link(ManagedTest):
         daemon.stop()
 
     def test_the_agent_may_say_again_that_it_is_there(self):
-        _, daemon = self.started()
-        daemon.wait_log("Started policy enforcement service")
+        daemon = self.serving()
         self.ask("installed")
         daemon.wait_log("Started policy enforcement service", 2)
         self.assertTrue(self.ask("exists")[0]["exists"])
         daemon.stop()
 
     def test_properties_are_those_of_the_file(self):
-        _, daemon = self.started(throttle=77)
+        daemon = self.serving(throttle=77)
         sections = self.ask("properties")[0]
         self.assertEqual(list(sections), ["General", "Config"])
         self.assertRegex(sections["General"]["szProductVer"], r"^\d+\.\d+\.\d+\.\d+$")
@@ -151,7 +156,7 @@ class Link(ManagedTest):
         daemon.stop()
 
     def test_the_update_callback_answers(self):
-        _, daemon = self.started()
+        daemon = self.serving()
         version = self.ask("update", "--get", "Version", "--value", "old")[0]
         self.assertEqual((version["result"], version["value"]), (0, "9.1.3"))
         location = self.ask("update", "--get", "Location", "--value", "old")[0]
