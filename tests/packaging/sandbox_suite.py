@@ -8,11 +8,12 @@ The tests mostly wait for each other's programs, so several run at once. Exit st
 import argparse
 import importlib.util
 import os
+import signal
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
-from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 os.environ["COLLECTOR_SANDBOX"] = "1"
@@ -52,8 +53,8 @@ def cannot():
     return None
 
 
-def names_of(file):
-    """Class.method of every test of the file."""
+def load(file):
+    """The tests of a file, by the names Class.method."""
     sys.path.insert(0, str(file.parent))
     spec = importlib.util.spec_from_file_location(file.stem, file)
     module = importlib.util.module_from_spec(spec)
@@ -64,24 +65,64 @@ def names_of(file):
             if isinstance(test, unittest.TestSuite):
                 yield from walk(test)
             else:
-                yield ".".join(test.id().split(".")[-2:])
-    return list(walk(unittest.defaultTestLoader.loadTestsFromModule(module)))
+                yield ".".join(test.id().split(".")[-2:]), test
+    return dict(walk(unittest.defaultTestLoader.loadTestsFromModule(module)))
 
 
-def run(file, name):
-    begin = time.monotonic()
-    try:
-        done = subprocess.run([sys.executable, "-B", str(file), name], stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False,
-                              timeout=LIMIT_SECONDS)
-        status, text = done.returncode, done.stdout.decode("utf-8", "replace")
-    except subprocess.TimeoutExpired as error:
-        status, text = 1, f"no end within {LIMIT_SECONDS} s\n{error.stdout}"
-    word = {0: "passed", SKIPPED: "skipped"}.get(status, "FAILED")
-    print(f"{word} {name} {time.monotonic() - begin:.1f} s", flush=True)
-    if status != 0:
-        print(text, flush=True)
-    return word
+class Run:
+    """One test in a process of its own. What it prints is kept for a failure."""
+
+    def __init__(self, name, test):
+        self.name, self.begin = name, time.monotonic()
+        self.output = tempfile.TemporaryFile()
+        sys.stdout.flush()
+        self.pid = os.fork()
+        if self.pid == 0:
+            os.setsid()
+            for stream in (1, 2):
+                os.dup2(self.output.fileno(), stream)
+            # Whatever happens in here must not come back into the parent's program.
+            try:
+                result = unittest.TextTestRunner(sys.stderr).run(unittest.TestSuite([test]))
+                status = 1 if not result.wasSuccessful() else SKIPPED if result.skipped else 0
+                sys.stdout.flush()
+                sys.stderr.flush()
+            except BaseException:  # pylint: disable=broad-except
+                status = 1
+            os._exit(status)
+
+    def ended(self):
+        """The word for how it ended, or None while it runs."""
+        pid, status = os.waitpid(self.pid, os.WNOHANG)
+        seconds = time.monotonic() - self.begin
+        if not pid and seconds < LIMIT_SECONDS:
+            return None
+        if not pid:
+            os.killpg(self.pid, signal.SIGKILL)
+            os.waitpid(self.pid, 0)
+            status = -1
+        word = {0: "passed", SKIPPED: "skipped"}.get(
+            os.waitstatus_to_exitcode(status) if pid else status, "FAILED")
+        print(f"{word} {self.name} {seconds:.1f} s", flush=True)
+        if word != "passed":
+            self.output.seek(0)
+            print(self.output.read().decode("utf-8", "replace"), flush=True)
+        self.output.close()
+        return word
+
+
+def run_all(tests, jobs):
+    waiting, running, results = list(tests.items()), [], []
+    while waiting or running:
+        while waiting and len(running) < jobs:
+            running.append(Run(*waiting.pop(0)))
+        for one in list(running):
+            word = one.ended()
+            if word:
+                running.remove(one)
+                results.append(word)
+        time.sleep(0.02)
+    return results
 
 
 def main():
@@ -94,13 +135,11 @@ def main():
     if reason:
         print(f"skipped: {reason}")
         return SKIPPED
-    names = names_of(words.file.resolve())
-    left_out = [name for name in names if name.split(".")[1] in words.without]
+    tests = load(words.file.resolve())
+    left_out = [name for name in tests if name.split(".")[1] in words.without]
     if len(left_out) != len(words.without):
         raise SystemExit(f"no such tests: {words.without}")
-    names = [name for name in names if name not in left_out]
-    with ThreadPoolExecutor(words.jobs) as pool:
-        results = list(pool.map(lambda name: run(words.file.resolve(), name), names))
+    results = run_all({n: t for n, t in tests.items() if n not in left_out}, words.jobs)
     print(", ".join(f"{results.count(word)} {word}" for word in sorted(set(results))))
     if "FAILED" in results or not results:
         return 1
