@@ -242,6 +242,13 @@ TEST_F(Loader, AFileThatCannotBeLoadedIsAFailure) {
     expect_caller_owns();
 }
 
+// The link is there, though what it names is not.
+TEST_F(Loader, ALinkToNothingIsAFailure) {
+    install(folder.path("nowhere"));
+    EXPECT_EQ(initialize(), -1);
+    EXPECT_TRUE(log.has(kErrorLine, L"Unable to load LPC runtime " + library()));
+}
+
 TEST_F(Loader, AMissingEntryPointIsAFailureThatCanBeMended) {
     install(LOOPBACK_FOLDER "/faulty/libvlrlpc.so");
     EXPECT_EQ(initialize(), -1);
@@ -252,6 +259,45 @@ TEST_F(Loader, AMissingEntryPointIsAFailureThatCanBeMended) {
     std::filesystem::remove(folder.path("libvlrlpc.so"));
     install();
     EXPECT_EQ(initialize(), 0);  // the faulty library is not held any more
+    manager->deinitialize();
+}
+
+TEST_F(Loader, EachOfTheSevenEntryPointsMustBeThere) {
+    for (const char *symbol :
+         {"initializeLPCLib", "deinitializeLPCLib", "getVlrLpcFactory", "createAsyncResultId",
+          "enableLPCLib", "disableLPCLib", "getVlrLpcLogger"}) {
+        std::filesystem::remove(folder.path("libvlrlpc.so"));
+        install(std::string(PARTIAL_FOLDER "/without_") + symbol + ".so");
+        EXPECT_EQ(initialize(), -1) << symbol;
+        EXPECT_EQ(
+            log.all().back(),
+            (LogCapture::Line{kErrorLine,
+                              L"Unable to retrieve exported function address from LPC runtime"}));
+        expect_caller_owns();
+    }
+    EXPECT_EQ(log.all().size(), 7u);
+}
+
+TEST_F(Loader, ARuntimeWithoutAFactoryGivesIdentifiersOnly) {
+    install(RECORDING_RUNTIME);
+    folder.write("no factory", "");
+    ASSERT_EQ(initialize(), 0);
+    EXPECT_EQ(manager->getLPCRepository(), nullptr);
+    EXPECT_EQ(manager->getObjectConnector("p", "s"), nullptr);
+    EXPECT_EQ(manager->createAsyncResultId(), 1u);
+    EXPECT_NE(manager->getSerializationFactory(), nullptr);
+    manager->deinitialize();
+    EXPECT_EQ(manager->createAsyncResultId(), 0u);
+}
+
+TEST_F(Loader, ARuntimeThatThrowsIsUnloaded) {
+    install(RECORDING_RUNTIME);
+    folder.write("throw", "");
+    EXPECT_EQ(initialize(), -1);
+    EXPECT_EQ(log.all().back(), (LogCapture::Line{kErrorLine, L"the runtime's own words"}));
+    expect_caller_owns();
+    std::filesystem::remove(folder.path("throw"));
+    EXPECT_EQ(initialize(), 0);
     manager->deinitialize();
 }
 
