@@ -2,11 +2,13 @@
 #include "lpc_interface/config_rewrite.h"
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -20,6 +22,43 @@ TEST(ConfigRewrite, TheNewFileStandsAlone) {
     EXPECT_TRUE(replace_config_file(file.path(), {"new=1", "", "type=x"}, &why)) << why;
     EXPECT_EQ(file.text(), "new=1\n\ntype=x\n");
     EXPECT_EQ(file.others(), "");
+}
+
+// What has happened to the names of a folder, in order: +made, -removed, <moved from, >moved to.
+std::string steps_in(int watch) {
+    alignas(inotify_event) char buffer[16384];
+    const ssize_t size = read(watch, buffer, sizeof(buffer));
+    std::string steps;
+    for (ssize_t at = 0; at < size;) {
+        const auto *event = reinterpret_cast<const inotify_event *>(buffer + at);
+        const char sign = event->mask & IN_CREATE       ? '+'
+                          : event->mask & IN_DELETE     ? '-'
+                          : event->mask & IN_MOVED_FROM ? '<'
+                                                        : '>';
+        steps += sign + std::string(event->name) + " ";
+        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+    }
+    return steps;
+}
+
+TEST(ConfigRewrite, TheBackupStandsWhileTheFileIsReplaced) {
+    const ConfigFile file("old=1\n");
+    const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (watch < 0) GTEST_SKIP() << "no inotify instance to be had";
+    ASSERT_GE(inotify_add_watch(watch, file.folder().c_str(), IN_CREATE | IN_DELETE | IN_MOVE), 0);
+    const time_t before = time(nullptr);
+    std::string why;
+    EXPECT_TRUE(replace_config_file(file.path(), {"new=1"}, &why)) << why;
+    const time_t after = time(nullptr);
+    const std::string steps = steps_in(watch);
+    close(watch);
+    const std::string name = "collector.conf", fresh = name + ".new ";
+    const size_t at = fresh.size() + name.size() + 3;
+    const std::string seconds = steps.substr(at, steps.find(' ', at) - at);
+    EXPECT_EQ(steps, "+" + fresh + "+" + name + "." + seconds + " <" + fresh + ">" + name + " -" +
+                         name + "." + seconds + " ");
+    EXPECT_GE(std::stol(seconds), before);
+    EXPECT_LE(std::stol(seconds), after);
 }
 
 TEST(ConfigRewrite, OwnerAndModeStay) {
