@@ -215,7 +215,7 @@ class Sandbox:
                         "LogsDirectory": "LOGS_DIRECTORY"}[kind]] = path
 
     def _become_group(self):
-        os.setgroups(self.groups)
+        os.setgroups([self.gid, *self.groups])
         os.setresgid(self.gid, self.gid, self.gid)
 
     def _mount(self):

@@ -4,6 +4,7 @@ Mounts are laid first, as long as everything can be written; finish() then takes
 """
 import errno
 import os
+import re
 import stat
 from pathlib import Path
 
@@ -19,7 +20,9 @@ DEVICES = {"null": (1, 3), "zero": (1, 5), "full": (1, 7), "random": (1, 8), "ur
            "tty": (5, 0)}
 KEPT_IN_DEV = ("pts", "shm", "mqueue", "hugepages")
 LINKS_IN_DEV = {"fd": "/proc/self/fd", "stdin": "/proc/self/fd/0", "stdout": "/proc/self/fd/1",
-                "stderr": "/proc/self/fd/2", "ptmx": "pts/ptmx"}
+                "stderr": "/proc/self/fd/2", "ptmx": "pts/ptmx",
+                "log": "/run/systemd/journal/dev-log"}
+OCTAL = re.compile(rb"\\([0-7]{3})")
 KERNELS = ("/dev", "/proc", "/sys")  # what strict protection leaves to the other lines
 
 
@@ -28,10 +31,10 @@ def detach_from_the_machine():
 
 
 def mount_points():
-    """Every mount point, as the kernel lists them."""
+    """Every mount point, as the kernel lists them: odd characters as three octal digits."""
     with open("/proc/self/mountinfo", "rb") as file:
-        names = [line.split(b" ")[4] for line in file]
-    return sorted({name.decode("unicode_escape").encode("latin-1").decode() for name in names})
+        names = {line.split(b" ")[4] for line in file}
+    return sorted(os.fsdecode(OCTAL.sub(lambda m: bytes([int(m[1], 8)]), name)) for name in names)
 
 
 def below(path, root):
