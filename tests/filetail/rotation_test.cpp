@@ -31,6 +31,10 @@ class RotationTest : public ScanTest {
         update_file_list(group);
         for (int i = 0; i < group->fc; ++i) read_all(i);
     }
+    void passes_until_gone() {
+        for (int i = 0; i < 5 && group->fc > 0; ++i) pass();
+        ASSERT_EQ(group->fc, 0);
+    }
     const std::string old_text = lines(100, "old");
     const std::string rest = lines(10, "rest");
     const std::string fresh = lines(300, "fresh");
@@ -197,6 +201,21 @@ TEST_F(RotationTest, RenamedBetweenTheScanAndTheLookUpWithNothingInItsPlace) {
     EXPECT_EQ(image(), before) << "the record says where the rest begins";
     write_file(path, fresh);
     for (int i = 0; i < 3; ++i) pass();
+    EXPECT_EQ(received, old_text + rest + fresh);
+}
+
+TEST_F(RotationTest, LinkThatMovesOnWithinTheDirectory) {
+    std::filesystem::remove(path);
+    passes_until_gone();
+    write_file(logs + "one", old_text);
+    std::filesystem::create_symlink("one", path);
+    received.clear();
+    for (int i = 0; i < 2; ++i) pass();
+    append_file(logs + "one", rest);
+    write_file(logs + "two", fresh);
+    std::filesystem::create_symlink("two", logs + "link");
+    std::filesystem::rename(logs + "link", path);
+    for (int i = 0; i < 4; ++i) pass();
     EXPECT_EQ(received, old_text + rest + fresh);
 }
 
