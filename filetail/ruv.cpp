@@ -28,8 +28,6 @@ constexpr int kConfirmSeconds = 30;
 constexpr int kFailurePauseMilliseconds = 1000;
 /// How long a connection may be trusted before a send looks whether the peer has closed it.
 constexpr int64_t kTrustNanoseconds = 100'000;
-constexpr int kNotConnected = 22;
-constexpr int kSystemError = 3;
 constexpr int kWrongGeneration = 12;
 
 /// Failed sends of this worker since its last success.
@@ -98,10 +96,7 @@ void handle_failure(const failure &what) {
     ++failures_in_a_row;
     logger(kLogError, "Error in ruv send, %d - %d - %s", what.system_error, what.code,
            what.text.c_str());
-    if (what.code != kSystemError && what.code != kNotConnected && what.system_error != ETIMEDOUT &&
-        what.system_error != ECONNREFUSED) {
-        return;
-    }
+    if (!link_was_lost(what.code, what.system_error)) return;
     std::string reason;
     if (link_reopen(&reason)) {
         _connected.store(1, std::memory_order_relaxed);

@@ -1,5 +1,6 @@
 #include "filetail/ruv_link.h"
 
+#include <errno.h>
 #include <stdlib.h>
 
 #include <atomic>
@@ -161,6 +162,11 @@ bool link_reopen(std::string *reason) {
     if (!open_handle(&conf, reason)) return false;
     if (made_anew && g_args.autolearn) RUVEnableAutoLearn(conf.ruvconn);
     return true;
+}
+
+bool link_was_lost(int code, int system_error) {
+    return code == kSystemError || code == kNotConnected || system_error == ETIMEDOUT ||
+           system_error == ECONNREFUSED;
 }
 
 bool link_alloc_record(plugin *p) {

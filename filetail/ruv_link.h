@@ -11,6 +11,9 @@
 struct config;
 struct plugin;
 
+/** Codes of the library's errors that leave no connection behind. */
+enum : int { kSystemError = 3, kNotConnected = 22 };
+
 /** The library's text for one of its error codes, with the calling thread's arguments. */
 std::string link_error_text(int code);
 
@@ -34,6 +37,10 @@ void link_close();
  * tells why.
  */
 bool link_reopen(std::string *reason);
+
+/** Whether a send that failed with this code of the library, or with this system error, lost the
+ *  connection itself, so that it is to be opened again at once. Any thread, without the lock. */
+bool link_was_lost(int code, int system_error);
 
 /** Gives the plugin a new record. Returns false after logging that the library refused. */
 bool link_alloc_record(plugin *p);

@@ -2,6 +2,7 @@
 import signal
 import socket
 import threading
+import time
 
 import kit_path  # noqa: F401
 from daemon_kit import BUILD, DaemonTest, main, wait_for
@@ -74,6 +75,14 @@ class Delivery(DaemonTest):
         daemon.wait_log("Error connecting to the Receiver: ", count=2)  # at start, by the worker
         daemon.stop()
         self.assertEqual(daemon.log().count("Error connecting to the Receiver: "), 2)
+
+    def test_the_next_attempt_comes_after_300_seconds(self):
+        self.configure(free_port())
+        begin = time.monotonic()
+        daemon = self.start(scale=100)
+        daemon.wait_log("Error connecting to the Receiver: ", count=3)
+        self.assertGreaterEqual(time.monotonic() - begin, 300 / 100)
+        daemon.stop()
 
     def test_receiver_restarted_while_idle_costs_no_event(self):
         receiver = self.receiver()

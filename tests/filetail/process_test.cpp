@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
+#include <chrono>
 #include <thread>
 
 #include "filetail/filetail.h"
@@ -119,7 +120,9 @@ TEST_F(Process, AnEmptyDirectoryIsReportedAndSlept) {
     EXPECT_TRUE(log.waits_for("No events to read, sleeping 300 second(s)\n"));
     const std::string text = log.text();
     const size_t sent = text.find(":(DEBUG) Sent 0 event(s) to SIEM\n");
-    EXPECT_LT(sent, text.find(":(DEBUG) No events to read, sleeping 300 second(s)\n"));
+    const size_t sleeping = text.find(":(DEBUG) No events to read, sleeping 300 second(s)\n");
+    EXPECT_NE(sleeping, std::string::npos) << text;
+    EXPECT_LT(sent, sleeping);
     EXPECT_EQ(count_of(text, "from " + logs), 0u);
 }
 
@@ -136,6 +139,18 @@ TEST_F(Process, EachFileIsReported) {
     EXPECT_LT(first, total);
     EXPECT_LT(total, nothing);
     EXPECT_NE(nothing, std::string::npos);
+}
+
+TEST_F(Process, PausesBetweenTwoFiles) {
+    constexpr int kFiles = 400;
+    serve({fake::serve()});
+    for (int i = 0; i < kFiles; ++i) bookmark_kit::write_file(logs + std::to_string(i), "");
+    LiveLog log(root + "/log", 15);
+    const auto begin = std::chrono::steady_clock::now();
+    start_connected();
+    EXPECT_TRUE(log.waits_for("No events to read"));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin,
+              std::chrono::microseconds(300) * (kFiles - 1));
 }
 
 TEST_F(Process, StartsNothingForADirectoryThatIsNotThere) {

@@ -31,6 +31,29 @@ TEST_F(Reader, SendsCompleteEventsAndLeavesTheRest) {
     EXPECT_EQ(file->l, 6u);
 }
 
+// A file of fewer than 257 bytes has its tail checksum taken where a stream would stand: behind the
+// bytes read for the first event of a batch, and at its start for each later one.
+TEST_F(Reader, TheTailOfASmallFileFollowsTheStream) {
+    const std::string content = "one\ntwo\nthree\n";
+    const auto crc_from = [&](size_t place) {
+        std::string block = content.substr(place);
+        block.resize(256, '\0');
+        return computeChecksum(block.data());
+    };
+    connect_to();
+    fdesc *file = tail("a", content);
+    Capture log(15);
+    EXPECT_EQ(read_events(file, 100), 3);
+    const std::string text = log.text();
+    const size_t ends[] = {4, 8, 14}, places[] = {14, 4, 8};
+    for (int i = 0; i < 3; ++i) {
+        char record[64];
+        snprintf(record, sizeof record, "Wrote '%015zu|%015u|%015u|", ends[i], crc_from(0),
+                 crc_from(places[i]));
+        EXPECT_EQ(count_of(text, record), 1u) << record << "\n" << text;
+    }
+}
+
 TEST_F(Reader, TurnsLineEndsIntoBlanks) {
     connect_to();
     fdesc *file = tail("a", "one\r\n\n\rtwo\r\r\n");
@@ -198,10 +221,10 @@ TEST_F(Reader, LogsWhatItSendsAtDebug) {
     Capture log(15);
     EXPECT_EQ(read_events(file, 100), 2);
     const std::string text = log.text();
-    const std::string sending = "Sending RUV data read from: " + logs + "a:";
+    const std::string sending = ":(DEBUG) Sending RUV data read from: " + logs + "a:";
     const size_t first = text.find(sending + "x%s%n \n");
-    const size_t engage = text.find("engage ruv spin lock\n");
-    const size_t released = text.find("released ruv spin lock\n");
+    const size_t engage = text.find(":(DEBUG) engage ruv spin lock\n");
+    const size_t released = text.find(":(DEBUG) released ruv spin lock\n");
     const size_t wrote = text.find("to bookmark file\n");
     const size_t second = text.find(sending + "y \n");
     EXPECT_NE(first, std::string::npos);

@@ -4,6 +4,9 @@
 
 #include <thread>
 
+#include "filetail/ruv_link.h"
+#include "ruv/conn.h"
+#include "ruv/trace.h"
 #include "tests/filetail/reader_kit.h"
 
 namespace {
@@ -38,7 +41,9 @@ TEST_F(Ruv, OpensTheSharedConnection) {
     Capture log(31);
     EXPECT_EQ(ruv_init(&conf), 0);
     EXPECT_EQ(conf.connected, 1);
-    EXPECT_NE(conf.ruvconn, nullptr);
+    ASSERT_NE(conf.ruvconn, nullptr);
+    EXPECT_EQ(conf.ruvconn->allow_to_auto_learn, 0);
+    EXPECT_EQ(conf.ruvconn->ipv4_or_v6, 0) << "either";
     const std::string text = log.text();
     EXPECT_NE(text.find(":(INFO) Attempting connection to Server: 127.0.0.1 -- Port: " +
                         std::to_string(receiver->port()) + " -- Encrypt: 0\n"),
@@ -56,7 +61,30 @@ TEST_F(Ruv, SaysThatItLearnsSources) {
     Capture log(2);
     EXPECT_EQ(ruv_init(&conf), 0);
     g_args.autolearn = 0;
+    EXPECT_EQ(conf.ruvconn->allow_to_auto_learn, 1);
     EXPECT_EQ(count_of(log.text(), ":(INFO) Enabling auto learning on client\n"), 1u);
+}
+
+TEST_F(Ruv, TheLibrarySpeaksAtItsOwnLevel) {
+    const struct {
+        const char *word;
+        int calls, dumps;
+    } rows[] = {{"diag", 1, 1},  {"debug", 1, 0}, {"warn", 1, 0},
+                {"error", 0, 0}, {"WARN", 1, 0},  {"nonsense", 0, 0}};
+    for (const auto &row : rows) {
+        free(conf.debug);
+        conf.debug = wide(row.word);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(ruv_init(&conf), 1) << "there is no address";
+        ruv_teardown(&conf);
+        testing::internal::GetCapturedStderr();
+        EXPECT_EQ(debug_fn_call, row.calls) << row.word;
+        for (const auto *dump : {&debug_send, &debug_recv, &debug_trace}) {
+            EXPECT_EQ(*dump, row.dumps) << row.word;
+        }
+        EXPECT_EQ(debug_data, 0) << row.word;
+    }
+    RUVSetLogging(0);
 }
 
 TEST_F(Ruv, AReceiverThatIsDownIsReported) {
@@ -194,6 +222,19 @@ TEST_F(Ruv, AnotherFailureOnlyClearsTheFlag) {
     EXPECT_EQ(count_of(text, "- 13 - Requested operation returned 'NOTOKAY'\n"), 1u) << text;
     EXPECT_EQ(count_of(text, "Error connecting"), 0u);
     EXPECT_EQ(count_of(text, "re-established"), 0u);
+}
+
+TEST(RuvLink, TellsALostConnectionFromOtherFailures) {
+    const struct {
+        int code, system_error;
+        bool lost;
+    } rows[] = {{3, 0, true},    {3, 32, true},    {22, 0, true},   {22, 9, true},
+                {12, 110, true}, {14, 111, true},  {0, 110, true},  {12, 0, false},
+                {14, 32, false}, {21, 104, false}, {4, 109, false}, {2, 112, false}};
+    for (const auto &row : rows) {
+        EXPECT_EQ(link_was_lost(row.code, row.system_error), row.lost)
+            << row.code << " " << row.system_error;
+    }
 }
 
 TEST_F(Ruv, AHandleThatIsStillOpenIsClosedFirst) {
