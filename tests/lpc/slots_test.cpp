@@ -1,7 +1,8 @@
-// The order of the virtual operations, which the agent's libraries were compiled against: an
-// operation that moves would be called in the place of another.
+// What the agent's libraries were compiled against: the order of the virtual operations, where one
+// that moves would be called in the place of another, and the numbers of the enumerations.
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
@@ -61,6 +62,39 @@ TEST(Slots, TheFactories) {
     expect_from(2, {slot(&S::getArchiveMode), slot(&S::getVersion), slot(&S::setArchiveMode),
                     slot(&S::createOarchive), slot(&S::createIarchive), slot(&S::destroyOarchive),
                     slot(&S::destroyIarchive)});
+}
+
+// Each list is in order and without a gap, so its place is its number.
+void expect_numbers(int first, std::initializer_list<int> values) {
+    for (const int value : values) EXPECT_EQ(value, first++);
+}
+
+TEST(Numbers, OfTheEnumerations) {
+    expect_numbers(1, {ptReturnValue, ptArgument, ptNamespace, ptService, ptMethod, ptAsyncResultId,
+                       ptNotificationId});
+    expect_numbers(0, {ecPackageError, ecLogicError, ecProtocolError, ecApplicationError,
+                       ecOperationTimedout, ecCommunicationError, ecRoutingError,
+                       ecRoutingErrorStalePPInfoError, ecIPCError, ecAuthenticationError,
+                       ecPPProcessNotFound, ecVlrLPCAccessError, ecServiceNotAvailable});
+    using namespace manageability;
+    expect_numbers(0, {UBPNOTLOGGEDON, UBPLOGON, UBPLOGGEDON, UBPLOGOFF});
+}
+
+// Decided when the framework is compiled.
+static_assert(CheckLPCInterface<ILPCInterface>::value);
+static_assert(CheckLPCInterface<IPolicyDataAccessor *>::value);
+static_assert(CheckLPCInterface<const IPropertyCollection &>::value);
+static_assert(CheckLPCInterface<updater::IUpdateCallback_S>::value);
+static_assert(!CheckLPCInterface<int>::value && !CheckLPCInterface<std::wstring>::value);
+static_assert(!CheckLPCInterface<manageability::Lpc_MultipleSectionsHandle &>::value);
+static_assert(!CheckLPCInterface<ILPCFactory>::value);
+
+TEST(Numbers, PointersInTheirOrder) {
+    EXPECT_EQ(offsetof(VlrLpcCallbacks, validationCallback_), 0u);
+    EXPECT_EQ(offsetof(VlrLpcCallbacks, vlrlpcInstalledCallBack_), sizeof(void *));
+    EXPECT_EQ(offsetof(VlrLpcCallbacks, vlrlpcUnInstalledCallBack_), 2 * sizeof(void *));
+    EXPECT_EQ(offsetof(ClientServantPair, client), 0u);
+    EXPECT_EQ(offsetof(ClientServantPair, servant), sizeof(void *));
 }
 
 }  // namespace
