@@ -95,14 +95,16 @@ class Packages:
         """The install step of a build for packages. Only its configuration is made: what it would
         compile is taken from the build that is tested."""
         private = self.folder / "build"
-        private.mkdir()
-        for made in ("bin", "lib", "man"):
-            (private / made).symlink_to(BUILD / made)
         generator = ["-G", build_setting("CMAKE_GENERATOR")]
         self._run("cmake", *generator, "-S", ROOT, "-B", private, "-DCMAKE_INSTALL_PREFIX=/usr",
                   "-DCMAKE_INSTALL_SYSCONFDIR=/etc", "-DCOLLECTOR_TESTS=OFF",
                   *(f"-D{name}={build_setting(name)}" for name in (
                       "CMAKE_MAKE_PROGRAM", "CMAKE_C_COMPILER", "CMAKE_CXX_COMPILER")))
+        for made in ("bin", "lib"):
+            shutil.rmtree(private / made, ignore_errors=True)
+            (private / made).symlink_to(BUILD / made)
+        if (BUILD / "man").exists():  # pages without a source are made by the configuration
+            shutil.copytree(BUILD / "man", private / "man", dirs_exist_ok=True)
         self._run("cmake", "--install", private, env=dict(os.environ, DESTDIR=str(self._built)))
         cache = (private / "CMakeCache.txt").read_text()
         self.libdir = re.search(r"^CMAKE_INSTALL_LIBDIR:\w+=(.*)$", cache, re.M)[1]
