@@ -2,12 +2,14 @@
 
 import json
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
 import unittest
 
 CHECK = sys.argv.pop(1)
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 CLEAN = ("rec_ip=192.0.2.10\nrec_port=8082\nbookmark_dir=/var/lib/b\ndebug_level=info\n"
          "sleep=5\nthrottle=500\ntype=filetail\nft_dir=/srv/app\nft_filter=app.log\n"
@@ -82,6 +84,16 @@ class Options(unittest.TestCase):
                          "ft_dir = /srv/app/", "ft_filter = app.log", "hostid = db-1",
                          "subtype = big_fix", "section of the unknown type syslog: ignored"):
             self.assertIn(expected, lines)
+
+    def test_every_key_of_the_daemon_is_known_and_shown(self):
+        table = (ROOT / "config" / "siem_config.cpp").read_text().split("kGlobalKeys[] = {")[1]
+        keys = re.findall(r'L"([a-z_]+)"', table.split("\n};")[0])
+        self.assertGreaterEqual(len(keys), 19)
+        path = self.write("".join(f"{key}=1\n" for key in keys))
+        shown = re.findall(r"^([a-z_]+) +=", run("--effective", path).stdout, re.M)
+        self.assertEqual(sorted(shown), sorted(keys))
+        findings = json.loads(run("--no-host", "--json", path).stdout)["findings"]
+        self.assertEqual([f["detail"] for f in findings if f["id"] == "T06"], [])
 
     def test_effective_of_an_empty_file(self):
         done = run("--effective", self.write(""))
