@@ -1,4 +1,5 @@
 """The demonstration behind scripts/demo: see there."""
+import json
 import os
 import shutil
 import sys
@@ -114,7 +115,7 @@ class Show:
                      for n in range(1, 7)))
         daemon = Daemon(self.stage)
         wait_for(self.app_events, "the first event")
-        say("    " + str(self.app_events()[0]).replace("'", '"'))
+        say("    " + json.dumps(self.app_events()[0], separators=(",", ":"), ensure_ascii=False))
         if host_log:
             say(f"\nThe package manager's log {host_log}:")
             self.packages = self.host_log(host_log)
