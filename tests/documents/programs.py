@@ -98,13 +98,14 @@ def script_usage(name):
 
 
 def script_words(name):
-    """The words and options that a script's code takes, without its way to ask for help."""
+    """The words and options that a script's code takes, without its way to ask for help and what
+    it only says to itself."""
     text = (ROOT / name).read_text()
     arms = re.findall(r"^\s*([\w-]+(?: \| [\w-]+)*)\)", text, re.M)
     words = {word for arm in arms for word in arm.split(" | ")}
     words |= set(re.findall(r'\[ "\$\{?1-?\}?" !?= (-[\w-]+) \]', text))
     words |= set(re.findall(r'add_argument\("(-[\w-]+)"', text))
-    return words - {"-h", "--help", "help"}
+    return words - {"-h", "--help", "help"} - set(re.findall(r'"\$0" (-[\w-]+)', text))
 
 
 def fenced(text, language):
