@@ -63,6 +63,22 @@ class Examples(unittest.TestCase):
             re.M)))
         self.assertEqual(re.findall(r"^#([a-z_]+)=", shown, re.M), opt_in)
 
+    def test_readme_leads_everywhere(self):
+        readme = (ROOT / "README.md").read_text()
+        pages = [*ROOT.glob("docs/*.md"), *ROOT.glob("*.md")]
+        self.assertGreater(len(pages), 15)
+        for page in pages:
+            name = str(page.relative_to(ROOT))
+            if name != "README.md":
+                self.assertIn(f"]({name})", readme)
+        mapped = re.findall(r"^(\w+)/ +\S", fenced(readme.split("## Map")[1], "text")[0], re.M)
+        self.assertEqual([name for name in mapped if not (ROOT / name).is_dir()], [])
+        built = (ROOT / "CMakeLists.txt").read_text()
+        areas = re.search(r"foreach\(area ([\w ]+)\)", built)[1].split()
+        areas += re.findall(r"add_subdirectory\((\w+)\)", built)
+        self.assertGreater(len(areas), 8)
+        self.assertEqual(set(areas) - set(mapped), set())
+
     def test_quick_start_tells_the_same_commands(self):
         installation, commands = first_commands()
         quick_start = (ROOT / "docs" / "quick-start.md").read_text()
