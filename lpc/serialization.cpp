@@ -50,6 +50,8 @@ class naked_text_wiarchive : public boost::archive::text_wiarchive_impl<naked_te
         size_t size = 0;
         base::load(size);
         is.get();  // the blank between the size and the text
+        // What has been written to the same stream counts as readable only after a seek.
+        is.rdbuf()->pubseekoff(0, std::ios_base::cur, std::ios_base::in);
         const std::streamsize left = is.rdbuf()->in_avail();
         if (is.fail() || left < 0 || size > static_cast<size_t>(left))
             throw archive_exception(archive_exception::input_stream_error);
