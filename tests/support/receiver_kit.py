@@ -290,7 +290,12 @@ class Receiver:
 
     def finish(self):
         """Waits for the end and returns the exit status."""
-        status = self.process.wait(BUDGET_SECONDS)
+        try:
+            status = self.process.wait(BUDGET_SECONDS)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            raise
         self._thread.join(BUDGET_SECONDS)
         self.process.stdout.close()
         return status
@@ -360,8 +365,15 @@ class ReceiverTest(unittest.TestCase):
 
     def receiver(self, *options):
         receiver = Receiver(self.folder, *options)
-        self.addCleanup(receiver.stop, signal.SIGKILL)
+        self.addCleanup(self.end, receiver)
         return receiver
+
+    def end(self, receiver):
+        """Whatever a test did to it, a Receiver still ends in order."""
+        if receiver.process.poll() is None:
+            self.assertEqual(receiver.stop(), 0)
+        else:
+            receiver.finish()
 
     def client(self, receiver, **options):
         client = Client(receiver, **options)

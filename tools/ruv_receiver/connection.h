@@ -46,6 +46,8 @@ struct connection {
 
     std::vector<uint8_t> carry; /**< the beginning of a unit that is not complete yet */
     uint64_t needed = 0;        /**< bytes from the start of `carry` that complete it, 0 unknown */
+    bool cut_short = false;     /**< `carry` holds whole units that wait for room for answers */
+    bool queued = false;        /**< to be served again although no readiness will announce it */
 
     std::string unsent;
     std::deque<delayed_answer> delayed;
@@ -68,11 +70,14 @@ struct connection {
     /** Sends what it can of `unsent`. False when the stream has failed. */
     bool send_unsent();
 
-    /** True while bytes may be read and dealt with. */
-    bool open_for_reading() const {
-        return !ended && !closing && !stalled && !start_tls && !dead &&
-               unsent.size() < kMostUnsent && delayed.size() < kMostDelayed;
-    }
+    /** True while there is room for the answers to further units. */
+    bool has_room() const { return unsent.size() < kMostUnsent && delayed.size() < kMostDelayed; }
+
+    /** True while bytes that have arrived may be dealt with. */
+    bool takes_units() const { return !closing && !stalled && !start_tls && !dead && has_room(); }
+
+    /** True while bytes may be read. */
+    bool open_for_reading() const { return !ended && !cut_short && takes_units(); }
 
     /** True when every answer is on its way. */
     bool drained() const { return unsent.empty() && delayed.empty(); }

@@ -9,6 +9,7 @@ namespace {
 
 /** A client that invents data sources without end must not exhaust the memory. */
 constexpr size_t kMostSources = 1 << 20;
+constexpr size_t kMostSourceBytes = 64 << 20; /**< of their texts */
 
 void add_uint(std::string *out, uint64_t value, unsigned width) {
     uint8_t bytes[8];
@@ -105,7 +106,9 @@ bool responder::assign_channel(const uint8_t *body, answer *out) {
     }
     auto found = sources_.find({kind, text});
     if (found == sources_.end()) {
-        if (sources_.size() >= kMostSources) return false;
+        if (sources_.size() >= kMostSources || source_bytes_ + length > kMostSourceBytes)
+            return false;
+        source_bytes_ += length;
         // Wraps like the signed 32-bit number that travels.
         auto channel = static_cast<int32_t>(static_cast<uint32_t>(chosen_.cid_base) +
                                             static_cast<uint32_t>(sources_.size()));

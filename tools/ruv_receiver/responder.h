@@ -58,6 +58,7 @@ class responder {
     const settings &chosen_;
     const catalogue &custom_;
     std::map<std::pair<unsigned, std::string>, data_source> sources_;
+    size_t source_bytes_ = 0;
     std::vector<const data_source *> by_channel_;
 };
 

@@ -113,6 +113,7 @@ void server::run() {
         int count = epoll_wait(epoll_, ready, kEventsAtOnce, wait_time());
         now_ = std::chrono::steady_clock::now();
         for (int i = 0; i < count && !stop_; i++) dispatch(ready[i].data.fd, ready[i].events);
+        serve_again();
         tick();
         remove_dead();
         log_.flush();
@@ -121,6 +122,7 @@ void server::run() {
 
 int server::wait_time() const {
     const fault_settings &f = chosen_.faults;
+    if (!again_.empty()) return 0;
     if (!clients_.empty() && (f.slow > 0 || f.delay > 0)) return kTickMilliseconds;
     return chosen_.progress ? 100 : -1;
 }
@@ -233,7 +235,7 @@ void server::push_out(connection &c) {
         log_.flush();
         if (!c.send_unsent()) return fail(c, "cannot send");
     }
-    if ((c.closing || c.ended) && c.drained()) return fail(c, c.reason);
+    if ((c.closing || (c.ended && !c.cut_short)) && c.drained()) return fail(c, c.reason);
     if (c.start_tls && c.drained()) {
         // What came behind the request was read as plain bytes and cannot become TLS any more.
         if (!c.carry.empty()) return fail(c, "bytes arrived ahead of the answer to ReqSSL");

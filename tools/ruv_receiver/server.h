@@ -44,6 +44,7 @@ class server {
     void advance_handshake(connection &c);
     bool sniff(connection &c);
     void read_available(connection &c);
+    void serve_again();
     bool read_once(connection &c);
     size_t read_into(connection &c, uint8_t *buffer, size_t length);
     void process(connection &c, const uint8_t *bytes, size_t have);
@@ -70,7 +71,7 @@ class server {
     bool stop_ = false;
     uint64_t closed_ = 0;
     std::map<int, std::unique_ptr<connection>> clients_;
-    std::vector<int> dead_;
+    std::vector<int> dead_, again_;
     std::vector<uint8_t> buffer_;
     clock_time now_, next_progress_, last_tick_;
 };

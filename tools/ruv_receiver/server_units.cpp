@@ -15,11 +15,34 @@ constexpr uint8_t kTlsHandshakeRecord = 0x16; /**< first byte of every TLS strea
 
 }  // namespace
 
-/** Reads once for fairness; more only when bytes wait where no readiness announces them. */
+/** Reads once, so that a client that never pauses leaves time for the others. */
 void server::read_available(connection &c) {
     if (c.sniffing && !sniff(c)) return;
-    while (c.open_for_reading() && read_once(c)) {
-        if (!c.tls || !tls_pending(c.tls.get())) return;
+    bool progress = false;
+    if (c.cut_short && c.takes_units()) {
+        std::vector<uint8_t> kept = std::move(c.carry);
+        c.carry.clear();
+        process(c, kept.data(), kept.size());
+        progress = true;
+    } else if (c.open_for_reading()) {
+        progress = read_once(c);
+    }
+    // Decrypted bytes and units that were put off are nothing that the kernel knows of.
+    if (progress && !c.queued && (c.cut_short || (c.tls && tls_pending(c.tls.get())))) {
+        c.queued = true;
+        again_.push_back(c.fd);
+    }
+}
+
+/** Serves the connections that still had something to do after their turn. */
+void server::serve_again() {
+    std::vector<int> turn = std::move(again_);
+    again_.clear();
+    for (int fd : turn) {
+        auto found = clients_.find(fd);
+        if (found == clients_.end() || !found->second->queued) continue;
+        found->second->queued = false;
+        if (!stop_ && !found->second->dead) service(*found->second);
     }
 }
 
@@ -95,7 +118,8 @@ void server::process(connection &c, const uint8_t *bytes, size_t have) {
 size_t server::take_units(connection &c, const uint8_t *bytes, size_t have) {
     size_t at = 0;
     c.needed = 0;
-    while (at < have && !stop_ && !c.stalled && !c.closing && !c.start_tls && !c.dead) {
+    c.cut_short = false;
+    while (at < have && !stop_ && c.takes_units()) {
         unit u = next_unit(bytes + at, have - at);
         switch (u.kind) {
             case unit_kind::incomplete:
@@ -114,6 +138,8 @@ size_t server::take_units(connection &c, const uint8_t *bytes, size_t have) {
         }
         at += u.size;
     }
+    // A request is much shorter than its answer may be: what cannot be sent must not pile up.
+    c.cut_short = at < have && !c.has_room();
     return at;
 }
 
