@@ -98,6 +98,16 @@ int wait_while_executing(int milliseconds) {
     return wait_while(is_executing, leave_hint, milliseconds);
 }
 
+int wait_readable_while_executing(int fd, int milliseconds) {
+    pollfd watched[] = {{fd, POLLIN, 0}, {open_hint(leave_hint), POLLIN, 0}};
+    while (is_executing()) {
+        if (poll(watched, 2, milliseconds) <= 0) return 0;
+        if (watched[0].revents != 0) return is_executing();
+        if (is_executing()) lower_hint(leave_hint, is_executing);
+    }
+    return 0;
+}
+
 int wait_while_running(int milliseconds) {
     return wait_while(is_running, stop_hint, milliseconds);
 }

@@ -36,6 +36,10 @@ void execution_reset_for_start();
 /// Waits until the workers must leave, at most `milliseconds`. Returns is_executing().
 int wait_while_executing(int milliseconds);
 
+/// Waits until `fd` can be read or the workers must leave, at most `milliseconds`. Returns 1 when
+/// it can be read.
+int wait_readable_while_executing(int fd, int milliseconds);
+
 /// Waits until a stop is asked for, at most `milliseconds`. Returns is_running().
 int wait_while_running(int milliseconds);
 

@@ -34,6 +34,12 @@ constexpr int kUnreadablePauseMilliseconds = 1000;
 constexpr int kShortestIdleMilliseconds = 10;
 /// Longest wait for a report of the kernel before the state is looked at again.
 constexpr int kWakeSliceMilliseconds = 500;
+/// After so many looks in a row that brought no event, an unfinished one that grows byte by byte, a
+/// look is followed by a pause of some times what it took.
+constexpr int kVainLooks = 8;
+constexpr int kVainPauseFactor = 8;
+constexpr int64_t kShortestVainPauseMilliseconds = 20;
+constexpr int64_t kLongestVainPauseMilliseconds = 1000;
 /// With more files written at once than this, a pass over all of them is as good.
 constexpr size_t kMostWrittenFiles = 64;
 
@@ -78,16 +84,24 @@ void add_name(void *names, const char *name) {
     static_cast<name_list *>(names)->push_back(name);
 }
 
+bool ends_in(const char *path, const std::string &name) {
+    const char *slash = path == nullptr ? nullptr : strrchr(path, '/');
+    return slash != nullptr && name == slash + 1;
+}
+
 fdesc *find_file(const ft_bm *group, const std::string &name) {
     for (int32_t i = 0; i < group->fc; ++i) {
-        const char *slash = strrchr(group->f[i]->n, '/');
-        if (slash != nullptr && name == slash + 1) return group->f[i];
+        fdesc *file = group->f[i];
+        if (ends_in(file->n, name) || ends_in(file->drain, name)) return file;
     }
     return nullptr;
 }
 
-/// Reads the files that were written to. Returns false when the whole directory must be looked at.
-bool read_written(ft_bm *group, name_list *names) {
+/// Reads the files that were written to; `*vain` tells whether that brought nothing. Returns false
+/// when the whole directory must be looked at.
+bool read_written(ft_bm *group, name_list *names, bool *vain) {
+    bool looked = false;
+    bool handled = false;
     std::sort(names->begin(), names->end());
     names->erase(std::unique(names->begin(), names->end()), names->end());
     if (names->size() > kMostWrittenFiles) return false;
@@ -97,9 +111,12 @@ bool read_written(ft_bm *group, name_list *names) {
         if (file->drain != nullptr || get_bookmark(file) != 1) return false;
         pass_outcome pass;
         read_into(&pass, file, group->p->throttle);
+        looked = true;
+        handled |= pass.handled;
         // More is left, or nothing can be sent: the loop knows what to do.
         if (!file->at_end || !is_executing()) return false;
     }
+    *vain = looked && !handled;
     return true;
 }
 
@@ -108,12 +125,20 @@ bool read_written(ft_bm *group, name_list *names) {
 void idle_awake(ft_bm *group, wake_watch *watch, int seconds) {
     const int64_t end = now_milliseconds() + int64_t{seconds} * 1000;
     name_list names;
+    int vain_looks = 0;
     for (int64_t left = end - now_milliseconds(); left > 0 && is_executing();
          left = end - now_milliseconds()) {
         names.clear();
         const int slice = static_cast<int>(std::min<int64_t>(left, kWakeSliceMilliseconds));
         const wake_reason reason = wake_wait(watch, slice, add_name, &names);
-        if (reason == wake_reason::directory || !read_written(group, &names)) return;
+        const int64_t begin = now_milliseconds();
+        bool vain = false;
+        if (reason == wake_reason::directory || !read_written(group, &names, &vain)) return;
+        vain_looks = vain ? vain_looks + 1 : 0;
+        if (vain_looks <= kVainLooks) continue;
+        const int64_t pause = (now_milliseconds() - begin) * kVainPauseFactor;
+        wait_while_executing(static_cast<int>(
+            std::clamp(pause, kShortestVainPauseMilliseconds, kLongestVainPauseMilliseconds)));
     }
 }
 

@@ -1,13 +1,13 @@
 #include "filetail/wake.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <string.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
 #include <atomic>
 
+#include "core/execution.h"
 #include "core/siemcollector_log.h"
 
 namespace {
@@ -69,8 +69,7 @@ void wake_start(wake_watch *watch, const char *directory) {
 
 wake_reason wake_wait(wake_watch *watch, int milliseconds, void (*named)(void *, const char *),
                       void *arg) {
-    pollfd ready{watch->fd, POLLIN, 0};
-    if (poll(&ready, 1, milliseconds) <= 0) return wake_reason::timeout;
+    if (!wait_readable_while_executing(watch->fd, milliseconds)) return wake_reason::timeout;
     alignas(inotify_event) char reports[16 * 1024];
     const ssize_t size = read(watch->fd, reports, sizeof reports);
     if (size <= 0) return wake_reason::timeout;

@@ -29,7 +29,8 @@ enum class wake_reason {
 /** Starts watching a directory; does nothing while it is watched already. */
 void wake_start(wake_watch *watch, const char *directory);
 
-/** Waits until a change or `milliseconds` have passed, whichever is first. `named(arg, name)` is
- *  called for files that were written to; a name has no directory and may come more than once. */
+/** Waits until a change, a stop or `milliseconds` have passed, whichever is first. `named(arg,
+ * name)` is called for files that were written to; a name has no directory and may come more than
+ * once. */
 wake_reason wake_wait(wake_watch *watch, int milliseconds, void (*named)(void *, const char *),
                       void *arg);

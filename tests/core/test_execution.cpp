@@ -123,6 +123,30 @@ TEST_F(Execution, AStopWakesEveryWait) {
     worker.join();
 }
 
+TEST_F(Execution, AWaitForADescriptorEndsWithItOrWithAStop) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(wait_readable_while_executing(ends[0], 0), 0);
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    EXPECT_EQ(wait_readable_while_executing(ends[0], 600'000), 1);
+    char byte;
+    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    pause_execution();
+    EXPECT_EQ(wait_readable_while_executing(ends[0], 600'000), 0);
+    resume_execution();
+    EXPECT_EQ(wait_readable_while_executing(ends[0], 20), 0) << "the pause is over";
+    std::atomic<bool> over{false};
+    std::thread waiter([&] {
+        wait_readable_while_executing(ends[0], 600'000);
+        over = true;
+    });
+    usleep(20'000);
+    stop_execution();
+    EXPECT_TRUE(eventually([&] { return over.load(); }));
+    waiter.join();
+    for (const int fd : ends) close(fd);
+}
+
 TEST_F(Execution, APauseDoesNotWakeTheMainLoop) {
     pause_execution();
     const auto start = std::chrono::steady_clock::now();
