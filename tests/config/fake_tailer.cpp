@@ -18,6 +18,7 @@ namespace {
 
 std::mutex events_lock;
 std::vector<std::string> events;
+std::string started_with;
 bool start_workers = true;
 
 void note(const std::string &event) {
@@ -38,8 +39,14 @@ std::vector<std::string> fake_events() {
     return events;
 }
 
+std::string fake_started_with() {
+    std::lock_guard<std::mutex> guard(events_lock);
+    return started_with;
+}
+
 void fake_reset(bool starts) {
     std::lock_guard<std::mutex> guard(events_lock);
+    started_with.clear();
     events.clear();
     start_workers = starts;
 }
@@ -51,10 +58,13 @@ void *process(void *) {
     return nullptr;
 }
 
-int ft_init(plugin *p, const wchar_t *, int8_t) {
+int ft_init(plugin *p, const wchar_t *bm_dir, int8_t connected) {
     char *directory = wstrtostr(p->ft.ft_dir);
+    char *bookmarks = wstrtostr(bm_dir);
     note(std::string("init ") + directory);
+    started_with = std::string(bookmarks ? bookmarks : "") + " " + std::to_string(connected);
     free(directory);
+    free(bookmarks);
     p->data = malloc(1);
     p->ft.bm = static_cast<ft_bm **>(calloc(1, sizeof(ft_bm *)));
     p->ft.bm[0] = static_cast<ft_bm *>(calloc(1, sizeof(ft_bm)));

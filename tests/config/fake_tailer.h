@@ -11,5 +11,8 @@ struct plugin;
 /// "free group".
 std::vector<std::string> fake_events();
 
+/// What the last plugin was started with: the bookmark directory and whether a connection is open.
+std::string fake_started_with();
+
 /// Forgets all events; `starts` tells whether a plugin's start makes a worker.
 void fake_reset(bool starts);

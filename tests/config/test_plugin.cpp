@@ -65,10 +65,13 @@ struct Registry : testing::Test {
 };
 
 TEST_F(Registry, ASectionBecomesAPlugin) {
+    RUVConn *const connection = reinterpret_cast<RUVConn *>(&found);  // never looked into
+    found.ruvconn = connection;
     configure("sleep=5\nthrottle=100\nbookmark_dir=/bm\n" + std::string(kSection) +
               "ft_start_top=1\nft_delim_end_of_event=0\nhostid=host-1\n");
     const plugin &p = only();
     EXPECT_EQ(p.conn, &found.ruv);
+    EXPECT_EQ(p.ruvconn, connection);
     EXPECT_EQ(p.bm_dir, found.bm_dir);
     EXPECT_EQ(p.flags, uint64_t{1} << 32);
     EXPECT_EQ(p.sleep, 5);
@@ -117,6 +120,15 @@ TEST_F(Registry, AFirstLineWithTypeIsTheFirstSection) {
     plugin_config(-1, spec, &found);
     conf_teardown_key_value_pair(spec);
     EXPECT_EQ(text(only().ft.ft_filter), L"*.log");
+}
+
+TEST_F(Registry, APluginIsToldWhatTheConnectionIs) {
+    for (const int connected : {0, 1}) {
+        found.connected = static_cast<uint8_t>(connected);
+        configure("bookmark_dir=/bm\n" + std::string(kSection));
+        EXPECT_EQ(fake_started_with(), "/bm " + std::to_string(connected));
+        plugin_shutdown_all(&found, 15);
+    }
 }
 
 TEST_F(Registry, TwoSectionsGiveTwoPluginsWithTheirIndexes) {
@@ -280,6 +292,22 @@ TEST_F(Registry, TheWorkerHasEndedBeforeItsRecordAndSourceAreFreed) {
                             "free source a", "free group", "teardown cutter"));
     EXPECT_EQ(found.p_count, 0);
     EXPECT_EQ(found.p_list, nullptr);
+}
+
+TEST_F(Registry, AStoppedPluginHasNothingLeft) {
+    configure(kSection + std::string("hostid=a\nsubtype=b\n"));
+    plugin *p = found.p_list[0];
+    for (int i = 0; i < 2; ++i) {
+        plugin_shutdown(p, 15);
+        EXPECT_EQ(p->bm_count, 0);
+        EXPECT_EQ(p->hostid, nullptr);
+        EXPECT_EQ(p->dsinfo, nullptr);
+        EXPECT_EQ(p->data, nullptr);
+        EXPECT_EQ(p->ft.bm, nullptr);
+        EXPECT_EQ(text(p->ft.ft_dir), L"(null)");
+        EXPECT_EQ(text(p->ft.ft_filter), L"(null)");
+        EXPECT_EQ(text(p->ft.ft_delim), L"(null)");
+    }
 }
 
 TEST_F(Registry, AWorkerThatStillWaitsForTheResumeCanBeJoined) {

@@ -152,7 +152,7 @@ constexpr char kShutdown[] =
     "unlock\n";
 
 TEST_F(Lifecycle, EverythingIsCalledInItsOrder) {
-    write_conf();
+    write_conf("# a comment is no pair\n\ndebug_level=info\n");
     const child_result life = live();
     EXPECT_EQ(life.status, 15);
     EXPECT_EQ(without_stamps(life.out),

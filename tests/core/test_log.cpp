@@ -334,6 +334,9 @@ TEST_F(LogFile, AnUnusablePathLeavesStandardErrorOpen) {
     EXPECT_EQ(without_stamps(logged([] { logger(kLogInfo, "still heard"); }).err),
               "(INFO) still heard\n");
     EXPECT_TRUE(std::filesystem::is_directory(path));
+    path.clear();  // only a missing path is the default one
+    EXPECT_EQ(without_stamps(logged([] { logger(kLogInfo, "still heard"); }).err),
+              "(INFO) still heard\n");
 }
 
 TEST_F(LogFile, AFailedReopenLeavesStandardErrorOpenAndIsMadeUpForLater) {
