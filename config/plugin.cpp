@@ -68,7 +68,7 @@ void set_hostid(plugin *p, const key_value_pair *pair) {
 }
 
 void set_directory(plugin *p, const key_value_pair *pair) {
-    const auto length = static_cast<size_t>(pair->value_len);
+    const size_t length = wcslen(pair->value);  // a NUL byte of the file may have ended it early
     auto *directory = static_cast<wchar_t *>(malloc((length + 2) * sizeof(wchar_t)));
     if (!directory) return;
     wmemcpy(directory, pair->value, length + 1);

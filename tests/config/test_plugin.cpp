@@ -105,6 +105,10 @@ TEST_F(Registry, TheDirectoryEndsInOneSlash) {
     }
     configure("type=filetail\nft_dir=\nft_filter=*\nft_delim=x\n");
     EXPECT_EQ(text(only().ft.ft_dir), L"/");
+    plugin_shutdown_all(&found, 15);
+    configure("type=filetail\nft_dir=/var/log" + std::string(1, '\0') +
+              "rest\nft_filter=*\nft_delim=x\n");
+    EXPECT_EQ(text(only().ft.ft_dir), L"/var/log/");
 }
 
 TEST_F(Registry, TheLinesInFrontOfTheFirstTypeBelongToNoPlugin) {
