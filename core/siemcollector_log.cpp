@@ -111,11 +111,12 @@ int format_in_utf8(char *to, size_t size, const char *format, va_list arguments)
     return length;
 }
 
-int format_text(char *to, size_t size, const char *format, va_list arguments, bool *in_utf8) {
+// Formats the message; *wide tells whether there was wide text in it, which may carry bytes.
+int format_text(char *to, size_t size, const char *format, va_list arguments, bool *wide) {
     va_list again;
     va_copy(again, arguments);
     int length = vsnprintf(to, size, format, arguments);
-    *in_utf8 = length < 0;
+    *wide = length < 0 || strstr(format, "%ls") || strstr(format, "%S");
     if (length < 0) length = format_in_utf8(to, size, format, again);
     if (length < 0) length = snprintf(to, size, "%s", format);
     va_end(again);
@@ -144,21 +145,21 @@ void write_line(uint64_t level, const char *format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
     const size_t room = sizeof usual - head;
-    bool in_utf8 = false;
-    auto length = static_cast<size_t>(format_text(usual + head, room, format, arguments, &in_utf8));
+    bool wide = false;
+    auto length = static_cast<size_t>(format_text(usual + head, room, format, arguments, &wide));
     char *line = usual;
     if (length >= room) {
         auto *large = static_cast<char *>(malloc(head + length + 1));
         if (large) {
             memcpy(large, usual, head);
-            format_text(large + head, length + 1, format, again, &in_utf8);
+            format_text(large + head, length + 1, format, again, &wide);
             line = large;
         } else {
             length = room - 1;
         }
     }
     va_end(again);
-    if (in_utf8) length = restore_raw_bytes(line + head, length);
+    if (wide) length = restore_raw_bytes(line + head, length);
     line[head + length] = '\n';
     write_whole(log_to_file.load(std::memory_order_relaxed) ? STDERR_FILENO : STDOUT_FILENO, line,
                 head + length + 1);

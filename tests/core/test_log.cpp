@@ -151,13 +151,20 @@ TEST(LogLines, WideTextSurvivesInEveryLocale) {
     }
 }
 
-TEST(LogLines, BytesThatTheCLocaleCannotDecodeAreShownAsTheyAre) {
-    const std::string log = console([] {
-        setlocale(LC_CTYPE, "C");
-        logger_init(1, nullptr, 0);
-        logger(kLogError, "%ls!", L"a\uf7c3\uf7a9\uf7ff");  // as core/utils.h widens C3 A9 FF
-    });
-    EXPECT_EQ(without_stamps(log), "(ERROR) a\xc3\xa9\xff!\n");
+TEST(LogLines, BytesThatTheLocaleCannotDecodeAreShownAsTheyAre) {
+    for (const char *locale : {"C", "C.UTF-8"}) {
+        const std::string log = console([locale] {
+            setlocale(LC_CTYPE, locale);
+            logger_init(3, nullptr, 0);
+            // As core/utils.h widens C3 A9 FF in the C locale, and FF C3 in any.
+            logger(kLogError, "%ls!", L"a\uf7c3\uf7a9\uf7ff");
+            lpc_log(1, L"\uf7ff\u00e9\uf7c3");
+            logger(kLogError, "%s", "\xef\x9f\xbf");  // narrow text means itself
+        });
+        EXPECT_EQ(without_stamps(log),
+                  "(ERROR) a\xc3\xa9\xff!\n(INFO) \xff\xc3\xa9\xc3\n(ERROR) \xef\x9f\xbf\n")
+            << locale;
+    }
 }
 
 TEST(LogLines, TheStampHasTwentyCharacters) {
