@@ -9,6 +9,7 @@ import os
 import pathlib
 import re
 import shutil
+import socket
 import subprocess
 import sys
 import tempfile
@@ -25,10 +26,12 @@ LOCK = "/var/lock/velmor_siem_collector.loc"
 # Runs the tool with the lock held by the calling process, by one of user 65534 without groups
 # ("stranger"), or free, in a lock directory of its own.
 IN_NAMESPACE = textwrap.dedent("""\
-    import fcntl, os, subprocess, sys
-    lock, how, command = sys.argv[1], sys.argv[2], sys.argv[3:]
+    import fcntl, os, socket, subprocess, sys
+    lock, how, port, command = sys.argv[1], sys.argv[2], int(sys.argv[3]), sys.argv[4:]
     subprocess.run(["mount", "-t", "tmpfs", "tmpfs", os.path.realpath(os.path.dirname(lock))],
                    check=True)
+    if port and how != "free":
+        link = socket.create_connection(("127.0.0.1", port))
     if how == "hold":
         held = open(lock, "w")
         fcntl.flock(held, fcntl.LOCK_EX)
@@ -75,11 +78,14 @@ class Status(unittest.TestCase):
         self.dir = pathlib.Path(scratch.name)
         self.logs = self.dir / "logs"
         self.marks = self.dir / "marks"
+        self.receiver = socket.create_server(("127.0.0.1", 0), backlog=64)
+        self.addCleanup(self.receiver.close)
+        self.connect_to = self.port = self.receiver.getsockname()[1]
         self.logs.mkdir()
         self.marks.mkdir()
         self.config = self.dir / "collector.conf"
         self.config.write_text(
-            f"rec_ip=127.0.0.1\nrec_port=1\nbookmark_dir={self.marks}\ndebug_level=info\n"
+            f"rec_ip=127.0.0.1\nrec_port={self.port}\nbookmark_dir={self.marks}\ndebug_level=info\n"
             f"log_path={self.dir}/collector.log\nsleep=5\nthrottle=500\ntype=filetail\n"
             f"ft_dir={self.logs}\nft_filter=*.log\nft_delim=<newline>\n")
 
@@ -94,7 +100,7 @@ class Status(unittest.TestCase):
     def run_tool(self, *options, hold=True, tool=None):
         how = hold if isinstance(hold, str) else "hold" if hold else "free"
         return subprocess.run(
-            ["unshare", "-m", sys.executable, "-c", IN_NAMESPACE, LOCK, how,
+            ["unshare", "-m", sys.executable, "-c", IN_NAMESPACE, LOCK, how, str(self.connect_to),
              *(tool or [STATUS, "-c"]), str(self.config), *options],
             stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60)
 
@@ -200,6 +206,8 @@ class Status(unittest.TestCase):
     def test_a_live_check_asks_with_the_rights_of_the_collector(self):
         self.open_to_all()
         path = self.log("a.log", b"line of the log\n" * 100)
+        # A port where nobody listens ends the check at once.
+        self.config.write_text(self.config.read_text().replace(str(self.port), "1"))
         refused = r"file \S+/a\.log is not readable for user \S+: Permission denied"
         for mode, expected in ((0o644, r"ok    1 file of \S+ readable for user "),
                                (0o640, "FAIL  " + refused)):
@@ -211,6 +219,17 @@ class Status(unittest.TestCase):
         done = self.run_tool(tool=[CHECK, "--live"], hold=False)
         self.assertRegex(done.stdout, "note  " + refused)
         self.assertRegex(done.stdout, "ok    bookmark directory .* is writable for user ")
+
+    def test_connection_to_the_receiver(self):
+        self.assertEqual((self.run_tool().returncode, self.survey()[1]["connected"]), (0, True))
+        self.connect_to = 0
+        done = self.run_tool()
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(", not connected to the Receiver", done.stdout.splitlines()[0])
+        self.assertIs(self.survey()[1]["connected"], False)
+        self.run_tool("--prom", str(self.dir / "x.prom"))
+        self.assertIn("siem_collector_connected 0\n", (self.dir / "x.prom").read_text())
+        self.assertIsNone(self.survey(hold=False)[1]["connected"])
 
     def test_up_and_down(self):
         status, survey = self.survey(hold=True)

@@ -90,6 +90,7 @@ std::string troubles(const survey &taken) {
     const auto add = [&](bool holds, const std::string &what) {
         if (holds) text += ", " + what;
     };
+    add(taken.link == receiver_link::none, "not connected to the Receiver");
     add(!taken.bookmarks.problems.empty(),
         count_of(taken.bookmarks.problems.size(), "bad bookmark record"));
     add(!taken.bookmarks.readable && !taken.bookmarks.absent, "the bookmark file cannot be read");
@@ -115,7 +116,7 @@ verdict judge(const survey &taken, const lag_limits &limits) {
     if (!taken.error.empty() || !taken.lock_table) return kUnknown;
     if (!taken.up || !taken.bookmarks.problems.empty()) return kCritical;
     if (total_lag(taken) >= limits.critical) return kCritical;
-    if (taken.bookmarks_forbidden) return kWarning;
+    if (taken.bookmarks_forbidden || taken.link == receiver_link::none) return kWarning;
     if (!taken.bookmarks.readable && !taken.bookmarks.absent) return kWarning;
     bool warn = total_lag(taken) >= limits.warning;
     for (const plugin_state &plugin : taken.plugins) {
@@ -183,6 +184,7 @@ std::string present_json(const survey &taken, const lag_limits &limits) {
                verdict_word(judge(taken, limits)), truth(taken.up), taken.pid, taken.since);
     out += "\"config\": " + json_string(taken.config_path) +
            ", \"error\": " + json_string(taken.error) + ", \"user\": " + json_string(taken.user) +
+           ", \"connected\": " + (taken.link ? truth(*taken.link != receiver_link::none) : "null") +
            ", \"bookmark_file\": " + json_string(taken.bookmark_path);
     out += format(", \"bookmark_records\": %zu, \"bookmark_problems\": %zu, \"lag_bytes\": %llu, ",
                   taken.bookmarks.records, taken.bookmarks.problems.size(),
@@ -229,6 +231,10 @@ std::string present_prometheus(const survey &taken) {
     out += format("siem_collector_up %d\n", taken.up ? 1 : 0);
     gauge("siem_collector_start_time_seconds", "When the collector began, seconds since 1970.");
     out += format("siem_collector_start_time_seconds %ld\n", taken.since);
+    if (taken.link) {
+        gauge("siem_collector_connected", "1 while it has a connection to the Receiver.");
+        out += format("siem_collector_connected %d\n", *taken.link == receiver_link::none ? 0 : 1);
+    }
     gauge("siem_collector_bookmark_records", "Records of the bookmark file.");
     out += format("siem_collector_bookmark_records %zu\n", taken.bookmarks.records);
     gauge("siem_collector_bookmark_damaged_records", "Damaged, short and double bookmark records.");

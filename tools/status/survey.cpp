@@ -233,7 +233,11 @@ survey take_survey(const survey_request &request) {
         if (section.type != "filetail" || section_directory(text, section).empty()) continue;
         taken.plugins.push_back(look_at_plugin(text, section, taken.bookmarks, taken.taken_at));
     }
-    if (taken.up) look_for_forbidden(&taken);
+    if (taken.up) {
+        look_for_forbidden(&taken);
+        taken.link =
+            find_receiver_link(taken.pid, number_of(global_value(text, "rec_port")).value_or(0));
+    }
     return taken;
 }
 

@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/host/receiver_link.h"
 #include "tools/status/bookmarks.h"
 
 /// One tailed file.
@@ -42,8 +44,9 @@ struct survey {
     bool up = false;
     bool lock_table = true;  ///< the lock table could be read, so `up` is known
     long pid = 0;
-    std::string user;  ///< that the collector runs as; empty = unknown
-    long since = 0;    ///< seconds since 1970; 0 = unknown
+    std::optional<receiver_link> link;  ///< to the Receiver; nothing when it may not be looked at
+    std::string user;                   ///< that the collector runs as; empty = unknown
+    long since = 0;                     ///< seconds since 1970; 0 = unknown
     std::string bookmark_path;
     bool bookmarks_forbidden = false;  ///< the collector's account may not write them
     bookmark_image bookmarks;
