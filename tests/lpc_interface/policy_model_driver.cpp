@@ -1,10 +1,10 @@
 // Enforces the policies that it reads from standard input, for policy_model_test.py. One word a
-// line, texts in hexadecimal:
+// line, texts in hexadecimal behind a "-":
 //   file TEXT           the configuration file; begins a new case
 //   object              a setting object of the policy
 //   section NAME        a section of it
 //   setting NAME VALUE  a setting of that
-//   enforce             answered by the number of restarts and the file's text
+//   enforce             answered by the log, the number of restarts and the file's text
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -45,7 +45,7 @@ class Agent : public IPolicyDataAccessor_S {
 
 std::string bytes_of(const std::string &digits) {
     std::string bytes;
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
+    for (size_t i = 1; i + 1 < digits.size(); i += 2)
         bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
     return bytes;
 }
@@ -92,7 +92,7 @@ void run() {
 }  // namespace velmor_com::NQ::LPC
 
 int main() {
-    logger_init(0, nullptr, 0);
+    logger_init(kLogError | kLogInfo | kLogWarn | kLogDebug, nullptr, 0);
     velmor_com::NQ::LPC::run();
     return 0;
 }

@@ -1,5 +1,5 @@
 """Random policies against random configuration files: the bridge and a small model of its rules
-must write the same file and agree on the restart.
+must write the same file, agree on the restart, and tell the same story in the log.
 """
 import random
 import subprocess
@@ -66,11 +66,15 @@ class Model:
         self.text, self.pairs, self.added = text, parse(text), {}
         self.plugins = sum(opens_plugin(key) for key, _ in self.pairs)
         self.total, self.deleted = 0, False
+        self.log = ["(INFO) Enforce Policy called"]
 
     def look_for_deleted(self, sections):
         names = [name for name, _ in sections]
         files = sum(name.startswith("File") for name in names)
         self.deleted = "LOGRELAY1000" not in names and files < self.plugins
+        if self.deleted:
+            self.log.append("(DEBUG) An Ozu plugin has been deleted.  "
+                            "Recreating full plugin configuration")
 
     def find(self, section, key):
         skip = 0
@@ -94,9 +98,13 @@ class Model:
         if not pair:
             self.added.setdefault(section, {}).setdefault(key, value)
             self.total += 1
+            self.log.append(f"(DEBUG) Added '{key}': {value}")
         elif pair[1] != value:
             pair[1] = value
             self.total += 1
+            self.log.append(f"(WARN) Updated '{pair[0]}': {value}")
+        else:
+            self.log.append(f"(DEBUG) Values match({pair[0]}): {value}")
 
     def new_text(self):
         lines = []
@@ -121,9 +129,17 @@ class Model:
         for sections in filter(None, objects):
             self.look_for_deleted(sections)
             for section, settings in sections:
+                self.log.append(f"(DEBUG) \tSection Name: {section}")
                 for name, value in settings.items():
+                    self.log.append(f"(DEBUG) \tSetting for Policy: {name} = {value}")
                     self.apply(section, name, value)
-        return (1, self.new_text()) if self.total else (0, self.text)
+        if not self.total:
+            self.log.append("(DEBUG) No policy update, configs are identical")
+            return 0, self.text, self.log
+        text = self.new_text()
+        self.log.append(f"(WARN) Updating local configuration, {self.total} descrepancies.")
+        self.log += [f"(INFO) {line}" for line in text.split("\n")[:-1]]
+        return 1, text, self.log
 
 
 def random_file(chance):
@@ -148,16 +164,14 @@ def random_policy(chance):
 
 def instructions(text, objects):
     def encoded(*words):
-        return " ".join(word.encode().hex() for word in words)
+        return " ".join("-" + word.encode().hex() for word in words)
     yield f"file {encoded(text)}"
     for sections in objects:
         yield "object"
         for section, settings in sections:
             yield f"section {encoded(section)}"
             for name, value in settings.items():
-                # An empty name is skipped by reading words; it has no row either way.
-                if name:
-                    yield f"setting {encoded(name, value)}"
+                yield f"setting {encoded(name, value)}"
     yield "enforce"
 
 
@@ -168,15 +182,20 @@ class PolicyModel(unittest.TestCase):
         lines = [line for case in cases for line in instructions(*case)]
         done = subprocess.run([DRIVER], input="".join(line + "\n" for line in lines).encode(),
                               stdout=subprocess.PIPE, check=True)
-        answers = [line.partition(" ") for line in done.stdout.decode().splitlines()
-                   if line[:1].isdigit()]
+        answers, log = [], []
+        for line in done.stdout.decode().split("\n")[:-1]:
+            if line[0].isdigit():
+                restarts, _, digits = line.partition(" ")
+                answers.append((int(restarts), bytes.fromhex(digits).decode(), log))
+                log = []
+            else:
+                log.append(line[line.index(":(") + 1:])
         self.assertEqual(len(answers), CASES)
         written = 0
-        for (text, objects), (restarts, _, digits) in zip(cases, answers):
+        for (text, objects), answer in zip(cases, answers):
             expected = Model(text).enforce(objects)
             written += expected[0]
-            self.assertEqual((int(restarts), bytes.fromhex(digits).decode()), expected,
-                             (text, objects))
+            self.assertEqual(answer, expected, (text, objects))
         # Both kinds of outcome were there to be seen.
         self.assertTrue(CASES / 10 < written < CASES * 9 / 10, written)
 
