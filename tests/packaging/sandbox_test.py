@@ -23,6 +23,7 @@ from daemon_kit import BUILD, DaemonTest, main, private_command  # noqa: E402
 from sandbox_kit import UNIT, UNITS, launcher  # noqa: E402
 from seccomp_filter import Groups  # noqa: E402
 
+LARGEST_EXPOSURE = 2.0
 GROUPS_OF = 252  # the version of the service manager whose groups of calls the table has
 # One that lies in somebody's home is hidden in there.
 PYTHON = "/usr/bin/python3" if Path("/usr/bin/python3").exists() else sys.executable
@@ -272,19 +273,31 @@ class Verified(unittest.TestCase):
         done = self.verify((), "SystemCallFilter=@no-such-group\n")
         self.assertIn("no-such-group", done.stderr)
 
+    def test_the_drop_ins_open_little(self):
+        for names in (("managed-host.conf",), ("read-all-logs.conf",)):
+            with self.subTest(drop_ins=names):
+                done = self.analyze("security", "--offline=true", "--no-pager", names=names)
+                level = re.search(r"exposure level for \S+: ([\d.]+)", done.stdout)
+                if not level:
+                    self.skipTest(f"no offline analysis here: {done.stderr[:200]}")
+                self.assertLessEqual(float(level[1]), LARGEST_EXPOSURE)
+
     def verify(self, names, line=""):
+        return self.analyze("verify", "--man=no", names=names, line=line)
+
+    def analyze(self, *words, names, line=""):
+        """What systemd-analyze says of the unit with some drop-ins and perhaps one more line."""
         folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
         unit = folder / UNIT.name
-        # The program is not installed here: the built one stands for it.
-        unit.write_text(UNIT.read_text().replace("/usr/sbin/velmor_siem_collector",
-                                                 "/bin/true"))
+        # The daemon is not installed here; what stands for it only has to be a program.
+        unit.write_text(UNIT.read_text().replace("/usr/sbin/velmor_siem_collector", "/bin/true"))
         drop_ins = folder / (UNIT.name + ".d")
         drop_ins.mkdir()
         for name in names:
             shutil.copy(UNITS / name, drop_ins)
         if line:
             (drop_ins / "line.conf").write_text("[Service]\n" + line)
-        return subprocess.run(["systemd-analyze", "verify", "--man=no", str(unit)], text=True,
+        return subprocess.run(["systemd-analyze", *words, str(unit)], text=True,
                               stdin=subprocess.DEVNULL, capture_output=True, check=False)
 
 
