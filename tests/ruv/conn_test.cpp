@@ -169,6 +169,41 @@ TEST(Open, ASilentReceiverIsNoVersion6) {
     EXPECT_EQ(RUVOpen(conn.get()), -1);
     EXPECT_EQ(ruverrno, 8);
     EXPECT_EQ(conn->skt, -1);
+    // What was found is kept, so the next open connects without a look at what was asked for.
+    EXPECT_EQ(RUVOpen(conn.get()), 0);
+    EXPECT_EQ(conn->ruv_ver, 1);
+    EXPECT_EQ(conn->data_types, 0);
+    EXPECT_EQ(r.wait_connections(3), 3);
+}
+
+TEST(Open, TheOlderGenerationIsConnectedWithTlsOnRequestToo) {
+    const os_guard guard;
+    ruv::os.probe_budget_ms = 50;
+    fake::receiver r(drain);
+    conn_ptr conn = make_conn(r.port(), 2);
+    clear_error();
+    EXPECT_EQ(RUVOpen(conn.get()), -1);
+    EXPECT_EQ(ruverrno, 19) << "the handshake of the third connection";
+    EXPECT_EQ(conn->ruv_ver, 1);
+    EXPECT_EQ(r.wait_connections(3), 3);
+}
+
+TEST(Open, AReceiverThatBecameAnOlderOneLosesItsTablesButNotItsChannels) {
+    const os_guard guard;
+    fake::receiver r({fake::serve(), drain, drain, drain});
+    conn_ptr conn = open_conn(r.port());
+    const uint32_t address = 0x0A000001;
+    ds_ptr ds(RUVAllocDSInfo(1, &address));
+    EXPECT_EQ(libruv_request_channel_id(conn.get(), ds.get()), 7);
+    RUVClose(conn.get());
+    ruv::os.probe_budget_ms = 50;
+    ASSERT_EQ(RUVOpen(conn.get()), 0) << ruverrno;
+    EXPECT_EQ(conn->ruv_ver, 1);
+    EXPECT_EQ(conn->data_types, 0x1E);
+    const uint16_t expected[5][6] = {
+        {}, {1, 1, 1, 1, 1, 0}, {1, 1, 1, 1, 1, 0}, {1, 1, 1, 1, 1, 0}};
+    EXPECT_EQ(memcmp(conn->data_versions, expected, sizeof expected), 0);
+    EXPECT_EQ(libruv_lookup_channel_id(conn.get(), ds.get()), 7);
 }
 
 TEST(Open, AHalfAnswerDoesNotHoldTheProbe) {
@@ -272,6 +307,15 @@ TEST(Open, AnEmptyVersionListOffersNothing) {
     conn_ptr conn = open_conn(r.port());
     EXPECT_EQ(conn->ruv_ver, 2);
     EXPECT_EQ(conn->data_types, 0);
+}
+
+TEST(Open, ATypeCountsEvenWhenItsVersionHasNoBit) {
+    fake::version6 v;
+    v.versions = {{6, 2, 16}};
+    fake::receiver r(fake::serve(v));
+    conn_ptr conn = open_conn(r.port());
+    EXPECT_EQ(conn->data_types, 1 << 2);
+    for (const uint16_t mask : conn->data_versions[2]) EXPECT_EQ(mask, 0);
 }
 
 TEST(Open, EmptiesTheChannelCache) {
