@@ -58,6 +58,13 @@ TEST(ManagedBridge, AFailedRegistrationStopsOnlyTheRegistrations) {
     EXPECT_EQ(kept.str(), std::string(reinterpret_cast<char *>(g_lpc_passphrase), 64));
     EXPECT_EQ(g_passphrase_length, 64u);
 
+    // Another start is refused and leaves the link as it is.
+    const std::string again = logged([] { EXPECT_EQ(init_lpc(lpc_log), -1); });
+    EXPECT_EQ(again.substr(again.find("(DEBUG) Initializing LPC")),
+              "(DEBUG) Initializing LPC\n(DEBUG) Multiple initialization attempt\n"
+              "(ERROR) Initializing LPC failed\n");
+    EXPECT_NE(velmor_com::NQ::LPC::LPCDylibManager::instance()->createAsyncResultId(), 0u);
+
     EXPECT_EQ(logged(deinit_lpc),
               "(INFO) DeInitializing LPC\n"
               "(INFO) Successfully released LPC runtime libvlrlpc.so\n");
