@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <regex>
 #include <thread>
 
 #include "ruv/trace.h"
@@ -161,11 +162,19 @@ TEST(Logging, PublicFunctionsSayWhenTheyAreEnteredAndLeft) {
 
 TEST(Logging, TracePointsReplaceTheFunctionLines) {
     ASSERT_EQ(RUVSetLogging(0x08), 0);
-    const std::string text = stderr_of([] { RUVOpen(nullptr); });
+    const auto fail_and_succeed = [] {
+        RUVOpen(nullptr);
+        char text[512];
+        RUVStrError(nullptr, 1, text);
+    };
+    const std::string text = stderr_of(fail_and_succeed);
     stderr_of([] { RUVSetLogging(0x09); });
-    const std::string both = stderr_of([] { RUVOpen(nullptr); });
+    const std::string both = stderr_of(fail_and_succeed);
     stderr_of([] { RUVSetLogging(0); });
-    EXPECT_NE(text.find("libruv -- ruvlib -- RUVOpen -- "), std::string::npos) << text;
+    const std::regex lines(
+        "(libruv -- ruvlib -- RUVOpen -- [0-9]+\n){2}"
+        "(libruv -- ruvlib -- RUVStrError -- [0-9]+\n){2}");
+    EXPECT_TRUE(std::regex_match(text, lines)) << text;
     EXPECT_EQ(both, text);
 }
 
