@@ -2,10 +2,13 @@
 
 #include <dirent.h>
 #include <fnmatch.h>
+#include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -52,9 +55,24 @@ asker choose_asker(const config_text &text, long collector, steps *done) {
     return {*found, found->pid != 0 || found->user == 0, " for user " + found->name};
 }
 
+// Whose the path is, since that tells what is to be done: " (www-data:adm, mode 0640)".
+std::string ownership(const std::string &path) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) return "";
+    const passwd *user = getpwuid(info.st_uid);
+    const group *owners = getgrgid(info.st_gid);
+    char mode[16];
+    snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
+    return " (" + (user == nullptr ? std::to_string(info.st_uid) : user->pw_name) + ":" +
+           (owners == nullptr ? std::to_string(info.st_gid) : owners->gr_name) + ", mode " + mode +
+           ")";
+}
+
 // A start may add groups that the user data base does not know: then it is no failure yet.
-void tell_unreadable(const asker &as, const std::string &subject, int error, steps *done) {
-    const std::string text = subject + " is not readable" + as.suffix + ": " + strerror(error);
+void tell_unreadable(const asker &as, const char *what, const std::string &path, int error,
+                     steps *done) {
+    const std::string text = std::string(what) + " " + path + " is not readable" + as.suffix +
+                             ": " + strerror(error) + ownership(path);
     if (as.certain) {
         done->bad(text);
     } else {
@@ -99,7 +117,7 @@ void check_section(const asker &as, const std::string &directory, const std::str
                    steps *done) {
     const int error = as.ask(directory, R_OK | X_OK);
     if (error != 0) {
-        tell_unreadable(as, "directory " + directory, error, done);
+        tell_unreadable(as, "directory", directory, error, done);
         return;
     }
     done->good("directory " + directory + " is readable" + as.suffix);
@@ -114,7 +132,7 @@ void check_section(const asker &as, const std::string &directory, const std::str
         if (answers[i] == 0) {
             readable++;
         } else {
-            tell_unreadable(as, "file " + files[i].path, answers[i], done);
+            tell_unreadable(as, "file", files[i].path, answers[i], done);
         }
     }
     if (readable > 0) {
