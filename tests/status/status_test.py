@@ -207,7 +207,8 @@ class Status(unittest.TestCase):
         self.open_to_all()
         path = self.log("a.log", b"line of the log\n" * 100)
         # A port where nobody listens ends the check at once.
-        self.config.write_text(self.config.read_text().replace(str(self.port), "1"))
+        self.config.write_text(self.config.read_text().replace(f"rec_port={self.port}",
+                                                                  "rec_port=1"))
         refused = (r"file \S+/a\.log is not readable for user \S+: "
                    r"Permission denied \(\S+:\S+, mode 0640\)")
         for mode, expected in ((0o644, r"ok    1 file of \S+ readable for user "),
