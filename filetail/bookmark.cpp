@@ -329,6 +329,7 @@ void verify_bookmark_file(ft_bm *group) {
     for (int32_t i = 0; i < group->fc; ++i) {
         if (!is_running()) return;  // nobody will read on; many files take seconds
         fdesc *bm = group->f[i];
+        if (bm->d == kOnlyRecorded && !bm->drain) continue;  // its record is all there is
         bm->unlisted = get_bookmark(bm) == 0;
         any_unlisted |= bm->unlisted;
         if (bm->unsaved && !bm->unlisted && !bm->moved) save_again(bm);

@@ -215,7 +215,7 @@ void drop_vanished(ft_bm *group) {
         fdesc *file = group->f[i];
         // Kept: the file behind a removed one stays until the next scan even when it has vanished
         // too, because closing the gap moves it into a place that this scan has already passed.
-        if (file->d == 2 && !file->drain && !file->moved) {
+        if (file->d == kOnlyRecorded && !file->drain && !file->moved) {
             free_fdesc(file);  // it was not seen to vanish, so that its record stays
             continue;
         }
@@ -260,7 +260,7 @@ void take_record(void *arg, const bookmark_record &record) {
     file->h = record.head;
     file->t = record.tail;
     file->known = 1;
-    file->d = 2;
+    file->d = kOnlyRecorded;
     if (append_file(filter->group, file.get())) file.release();
 }
 
@@ -273,7 +273,7 @@ void adopt_left_behind(ft_bm *group, const scan &what) {
     for (int32_t i = 0; i < group->fc; ++i) {
         struct stat st;
         fdesc *file = group->f[i];
-        file->moved |= file->d == 2 && lstat(file->n, &st) != 0 && errno == ENOENT;
+        file->moved |= file->d == kOnlyRecorded && lstat(file->n, &st) != 0 && errno == ENOENT;
     }
 }
 
@@ -314,7 +314,7 @@ int update_file_list(ft_bm *group) {
     scan what;
     if (!begin_scan(group->p, &what)) return -1;
     for (int32_t i = 0; i < group->fc; ++i) {
-        if (group->f[i]->d != 2) group->f[i]->d = 1;
+        if (group->f[i]->d != kOnlyRecorded) group->f[i]->d = 1;
     }
     directory_handle directory(opendir(what.directory.get()));
     if (!directory) {

@@ -98,17 +98,16 @@ void forget_drain(fdesc *file) {
 // begin alike, so that the old one would count for the new one.
 void begin_successor(fdesc *file) {
     forget_drain(file);
+    file->l = 0;
     const int fd = open_regular(file->n);
     if (fd < 0) {
-        if (errno != ENOENT) return;
-        delete_bookmark(file->n);
+        if (errno == ENOENT) delete_bookmark(file->n);
         file->known = file->unsaved = 0;
-        file->l = 0;
         return;
     }
     const uint32_t head = head_checksum(fd);
-    const bool alike = head == file->h || is_grown_small_file(file->n, file->h, file->l);
-    file->l = 0;
+    const bool alike =
+        head == file->h || is_grown_small_file(file->n, file->sought_h, file->sought_l);
     file->h = head;
     if (alike || file->unsaved) update_bookmark_at(fd, file, 0);
     close(fd);
@@ -142,13 +141,15 @@ void judge_drain(fdesc *file) {
         return;
     }
     if (!file->failed) file->failing_since = 0;
-    if (!file->at_end || static_cast<uint64_t>(st.st_size) != file->sight.size) return;
-    if (!over && !is_abandoned(file, st)) return;
-    if (file->l >= file->sight.size || file->final) {
-        begin_successor(file);
-    } else {
+    const bool grown = static_cast<uint64_t>(st.st_size) != file->sight.size;
+    if (grown) file->final = 0;
+    if (grown || !file->at_end || (!over && !is_abandoned(file, st))) return;
+    if (file->l < file->sight.size && !file->final) {
         file->final = 1;
+        return;
     }
+    give_up(file, file->drain);
+    begin_successor(file);
 }
 
 void want(search *s, int32_t i) {
@@ -277,7 +278,7 @@ void no_predecessor(fdesc *file) {
 void conclude(fdesc *file, finding *found) {
     if (found->path) {
         const bool rest = static_cast<uint64_t>(found->st.st_size) > file->l;
-        if (!rest && file->d == 2) {
+        if (!rest && file->d == kOnlyRecorded) {
             file->moved = 0;  // nothing to read, and nothing under the old name
             return;
         }
@@ -328,7 +329,8 @@ void rotation_watch(ft_bm *group, const char *directory, const char *filter) {
 void rotation_resolve(ft_bm *group, const char *directory, const char *filter) {
     search s{group};
     for (int32_t i = 0; i < group->fc; ++i) {
-        if (group->f[i]->moved) want(&s, i);
+        // One that is known by its record only was searched for just now.
+        if (group->f[i]->moved && group->f[i]->d != kOnlyRecorded) want(&s, i);
     }
     run_search(&s, directory, filter);
     for (int32_t i = 0; s.found && i < group->fc; ++i) {

@@ -26,6 +26,9 @@ struct file_sight {
     uint32_t tail;       ///< checksum of the 256 bytes that end one byte before the end
 };
 
+/// `d` of a file of which only its record and perhaps a renamed file are known (rotation_drain).
+inline constexpr uint8_t kOnlyRecorded = 2;
+
 /// One tailed file. Owned by its group; made zeroed, freed with free_fdesc().
 struct fdesc {
     char *n;     ///< full path, directory and name; owned
@@ -33,8 +36,7 @@ struct fdesc {
     uint64_t l;  ///< location: bytes whose events have been sent
     uint32_t h;  ///< head checksum of the record, as last written or found
     uint32_t t;  ///< tail checksum of the record, as last written or found
-    uint8_t d;   ///< 1 = not yet met in the current scan of the directory; 2 = never met, only
-                 ///< its record and a renamed file are known
+    uint8_t d;   ///< 1 = not yet met in the current scan of the directory; or kOnlyRecorded
 
     uint8_t known;     ///< 1 = `l`, `h` and `t` were written to the record or found in it
     uint8_t unsaved;   ///< 1 = the last bookmark write failed: `l` is newer than the record
