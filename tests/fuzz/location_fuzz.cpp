@@ -33,11 +33,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (found != parse_shared_lib_location(text, &parsed) || folder != parsed) abort();
     }
     if (!found && folder != before) abort();
-    // What is found stands in the file, once the line feeds are gone from both.
+    // What is found stands in the file, once the line feeds are gone from both, and ends at the
+    // closing mark or at a NUL.
     std::string joined = text;
     std::erase(joined, '\n');
     if (found && (folder.find('\n') != std::string::npos ||
-                  joined.find(folder + "</SharedLibLocation>") == std::string::npos))
+                  (joined.find(folder + "</SharedLibLocation>") == std::string::npos &&
+                   joined.find(folder + '\0') == std::string::npos)))
         abort();
+    if (found && folder.find('\0') != std::string::npos) abort();
     return 0;
 }
