@@ -1,4 +1,4 @@
-"""Clients that mean harm: whatever one of them sends, or does not send, the Receiver lives on, keeps
+"""Clients that mean harm: whatever one sends, or does not send, the Receiver lives on, keeps
 its memory in bounds, serves the others at once and ends in order when it is told to."""
 import random
 import resource
@@ -151,7 +151,8 @@ class Hostile(ReceiverTest):
         dice = random.Random(SEED)
         receiver = self.receiver("--tls", "always", "--quiet")
         handshake = b"\x16\x03\x01\x00\xc8\x01\x00\x00\xc4\x03\x03" + dice.randbytes(194)
-        streams = [b"", MAGIC, header(3, 0) * 100, b"\x80\x2e\x01\x03\x01" * 9, b"GET / HTTP/1.0\r\n",
+        streams = [b"", MAGIC, header(3, 0) * 100, b"\x80\x2e\x01\x03\x01" * 9,
+                   b"GET / HTTP/1.0\r\n",
                    b"\x16\x03\x01\xff\xff" + b"\x01" * 70_000, b"\x15\x03\x01\x00\x02\x02\x28",
                    b"\x17\x03\x03\x00\x10" + bytes(16), b"\x14\x03\x01\x00\x01\x01" * 50]
         streams += [handshake[:dice.randrange(len(handshake))] for _ in range(20)]

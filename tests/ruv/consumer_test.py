@@ -43,7 +43,8 @@ def main():
         run(cc, *strict, source, "-o", work / "pc_static", *static)
         for header in ("ruvlib.h", "ruvlibsetters.h"):
             alone = work / "alone.c"
-            alone.write_text(f'#include "{header}"\nint main(void) {{ return RUVSetLogging(0); }}\n')
+            alone.write_text(f'#include "{header}"\n'
+                             'int main(void) { return RUVSetLogging(0); }\n')
             run(cc, *strict, f"-I{prefix}/include/ruv", alone, "-o", work / "alone", *flags[-2:])
         run(cxx, "-std=c++11", "-pedantic", "-Wall", "-Wextra", "-Werror",
             HERE / "consumer" / "consumer.cpp", "-o", work / "pc_cxx", *flags)
