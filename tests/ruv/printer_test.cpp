@@ -147,6 +147,10 @@ TEST(PrintAlert, IPv6AddressesOfEveryForm) {
         const std::string lines = dump(record);
         EXPECT_NE(std::string::npos, lines.find("\tSIPv6 = 2001:db8::1\n\tDIPv6 = ::1:0:0\n"))
             << lines;
+        // With nothing but a last word it counts as an IPv4 address in every block.
+        const uint32_t last[4] = {0, 0, 0, 0x0A010203};
+        RUVAlertSet_dst_ipv6(record.get(), last);
+        EXPECT_NE(std::string::npos, dump(record).find(" IPv6 DIP[2] = 0\n\tDIP = 10.1.2.3\n"));
     }
 }
 

@@ -217,6 +217,8 @@ TEST(Dump, ShowsHexAndCharacters) {
     unsigned char bytes[20];
     for (unsigned char i = 0; i < 20; ++i) bytes[i] = static_cast<unsigned char>(0x3A + i);
     bytes[1] = 0xFF;
+    bytes[2] = ' ';
+    bytes[3] = 0x7F;
     iovec iov[2] = {{bytes, 20}, {bytes, 0}};
     char pointer[32];
     snprintf(pointer, sizeof pointer, "%p", static_cast<void *>(bytes));
@@ -225,8 +227,8 @@ TEST(Dump, ShowsHexAndCharacters) {
     RUVSetLogging(0);
     const std::string where = std::string(", ptr: ") + pointer + "\n";
     EXPECT_EQ(text, "Sending:\nSegment[  0]: len:    20" + where +
-                        "\t[    0]:  3a ff 3c 3d  3e 3f 40 41   42 43 44 45  46 47 48 49 " +
-                        "         :.<=>?@A BCDEFGHI\n" + "\t[   16]:  4a 4b 4c 4d " +
+                        "\t[    0]:  3a ff 20 7f  3e 3f 40 41   42 43 44 45  46 47 48 49 " +
+                        "         :. .>?@A BCDEFGHI\n" + "\t[   16]:  4a 4b 4c 4d " +
                         std::string(40, ' ') + "         JKLM\n" + "Segment[  1]: len:     0" +
                         where);
 }
