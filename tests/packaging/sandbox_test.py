@@ -16,10 +16,11 @@ from pathlib import Path
 
 os.environ["COLLECTOR_SANDBOX"] = "1"
 HERE = Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE), str(HERE.parent / "support")]
+sys.path[:0] = [str(HERE), str(HERE.parent / "support"), str(HERE.parent / "managed")]
 import sandbox_suite  # noqa: E402
 import unit_file  # noqa: E402
 from daemon_kit import BUILD, DaemonTest, main, private_command  # noqa: E402
+from managed_kit import ManagedTest  # noqa: E402
 from sandbox_kit import UNIT, UNITS, launcher  # noqa: E402
 from seccomp_filter import Groups  # noqa: E402
 
@@ -257,6 +258,28 @@ class ReadAllLogs(SandboxTest):
         self.configure(receiver.port)
         daemon = self.start()
         self.assertEqual(sorted(receiver.wait_messages(40)), self.expected(1, 40))
+        daemon.stop()
+
+
+class WithoutManagedHost(ManagedTest):
+    """An agent on a host where the drop-in for one was forgotten."""
+
+    unit_drop_ins = ()
+    setUpClass = SandboxTest.setUpClass
+
+    def test_a_policy_changes_nothing_and_says_why(self):
+        self.conf_path = self.folder / "collector.conf"  # where only root may write
+        receiver = self.receiver()
+        self.configure(receiver.port)
+        before = self.conf_path.read_bytes()
+        daemon = self.start()
+        daemon.wait_log("Started policy enforcement service")
+        self.push("[LOGRELAY1000]", "Tail Mode=end")
+        daemon.wait_log("(ERROR) Configuration not updated: ")
+        self.assertIn("Read-only file system", daemon.log())
+        self.assertEqual(self.conf_path.read_bytes(), before)
+        self.write("a.log", self.numbered(1, 20))
+        self.assertEqual(receiver.wait_messages(20), self.expected(1, 20))
         daemon.stop()
 
 
