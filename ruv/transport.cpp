@@ -25,6 +25,7 @@ constexpr int kTries = 6;                // of the resolver, and of connect
 constexpr int kTriesLimitMs = 29'000;    // no further try after this time
 constexpr int kPauseSeconds = 5;         // between two tries
 constexpr socklen_t kSourceLength = 16;  // bytes of address asked for, see record_source
+constexpr size_t kTlsRecord = 16'384;    // most bytes in one TLS record
 
 // What becomes of one try.
 enum class outcome { done, again, failed };
@@ -157,9 +158,27 @@ int move_plain(RUVConn *conn, int iovcnt, iovec *iov, short events, Transfer tra
     return 0;
 }
 
-// Each segment becomes records of its own.
+// A handle with TLS options sends a unit as one TLS record where it fits into one: each record
+// costs its own encryption, and a unit has four segments or more.
+int write_as_one_record(RUVConn *conn, int iovcnt, iovec *iov, size_t total) {
+    char unit[kTlsRecord];
+    size_t used = 0;
+    for (int i = 0; i < iovcnt; ++i) {
+        if (iov[i].iov_len > 0) memcpy(unit + used, iov[i].iov_base, iov[i].iov_len);
+        used += iov[i].iov_len;
+    }
+    iovec whole = {unit, total};
+    if (ruv::tls_write_segment(conn, &whole, false) < 1) return -1;
+    consume(iovcnt, iov, total);
+    return 0;
+}
+
+// Kept: by default each segment becomes TLS records of its own, which is what Receivers of old have
+// always been sent.
 int write_tls(RUVConn *conn, int iovcnt, iovec *iov) {
     size_t left = total_length(iovcnt, iov);
+    if (conn->tls_opted && left > 0 && left <= kTlsRecord)
+        return write_as_one_record(conn, iovcnt, iov, left);
     for (int i = 0; i < iovcnt; ++i) {
         left -= iov[i].iov_len;
         if (ruv::tls_write_segment(conn, &iov[i], left > 0) < 1) return -1;

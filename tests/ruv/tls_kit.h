@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <utility>
 
 #include "tests/ruv/link_kit.h"
 
@@ -99,6 +100,20 @@ struct server_options {
 struct server_log {
     std::atomic<int> handshakes{0}, failures{0}, clean_closes{0};
     std::atomic<int> version{0};
+
+    // Lengths of the TLS records that carried data; one read never returns more than one's.
+    void add_record(int length) {
+        const std::lock_guard<std::mutex> guard(lock);
+        records.push_back(length);
+    }
+    std::vector<int> take_records() {
+        const std::lock_guard<std::mutex> guard(lock);
+        return std::exchange(records, {});
+    }
+
+  private:
+    std::mutex lock;
+    std::vector<int> records;
 };
 
 inline SSL_CTX *make_context(const server_options &options) {
@@ -117,7 +132,7 @@ inline SSL_CTX *make_context(const server_options &options) {
 
 // Carries bytes between the session and `inner` until one of them ends.
 inline void pump(SSL *session, int inner, server_log *log) {
-    char buffer[4096];
+    char buffer[20'000];
     for (;;) {
         pollfd watched[2] = {{SSL_get_fd(session), POLLIN, 0}, {inner, POLLIN, 0}};
         if (SSL_pending(session) == 0 && poll(watched, 2, -1) < 0) return;
@@ -127,6 +142,7 @@ inline void pump(SSL *session, int inner, server_log *log) {
                 if (SSL_get_error(session, got) == SSL_ERROR_ZERO_RETURN) ++log->clean_closes;
                 return;
             }
+            log->add_record(got);
             ::send(inner, buffer, static_cast<size_t>(got), MSG_NOSIGNAL);
         }
         if (watched[1].revents) {

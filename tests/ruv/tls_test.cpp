@@ -229,6 +229,17 @@ TEST(Tls, ALargeTransferArrivesWhole) {
     EXPECT_TRUE(got == first + second);
 }
 
+TEST(Tls, EachSegmentIsARecordOfItsOwn) {
+    tls::server_log log;
+    collected got;
+    fake::receiver r(tls::over_tls(serving(ids().stranger), &log, got.script()));
+    conn_ptr conn = open_tls(r.port(), 1);
+    log.take_records();
+    ASSERT_EQ(send_text(conn.get(), "four records"), 36);
+    got.wait(13);
+    EXPECT_EQ(log.take_records(), (std::vector<int>{8, 8, 8, 12}));
+}
+
 TEST(Tls, ThreadsShareTheContextAndNoErrors) {
     tls::server_log log;
     const tls::identity &self = ids().stranger;
@@ -456,6 +467,47 @@ TEST(TlsOptions, ClosingAtOnceLosesNothing) {
     }
     r.stop();
     EXPECT_EQ(log.clean_closes, 20);
+}
+
+// The lengths of the records in which two segments of these lengths arrive.
+std::vector<int> records_of(size_t first, size_t second, const wanted &w) {
+    tls::server_log log;
+    const size_t total = first + second;
+    fake::receiver r(tls::over_tls(serving(ids().server), &log, [&](fake::peer &p) {
+        const fake::version6 v;
+        fake::serve_one(p, v);
+        fake::serve_one(p, v);
+        const std::string expected = std::string(first, 'a') + std::string(second, 'b');
+        p.send(p.read(total) == expected ? fake::kOkay : fake::kNotOkay);
+        p.drain();
+    }));
+    conn_ptr conn = make_conn(r.port(), 1);
+    EXPECT_EQ(set_options(conn.get(), w), 0);
+    EXPECT_EQ(RUVOpen(conn.get()), 0) << text_of(conn.get(), ruverrno);
+    log.take_records();
+    std::string a(first, 'a'), b(second, 'b');
+    char none;
+    iovec iov[3] = {{a.data(), first}, {&none, 0}, {b.data(), second}};
+    EXPECT_EQ(libruv_write(conn.get(), 3, iov), static_cast<int>(total));
+    EXPECT_EQ(iov[0].iov_len + iov[2].iov_len, 0u) << "the segments are used up";
+    EXPECT_EQ(iov[2].iov_base, b.data() + second);
+    char answer[8];
+    iovec in = {answer, 8};
+    EXPECT_EQ(libruv_read(conn.get(), 1, &in), 8);
+    EXPECT_EQ(std::string(answer, 8), fake::kOkay);
+    return log.take_records();
+}
+
+TEST(TlsOptions, AUnitIsOneRecordWhereItFits) {
+    for (const char *lowest : {"1.2", "1.3"}) {
+        const wanted w = {lowest};
+        EXPECT_EQ(records_of(1, 0, w), (std::vector<int>{1}));
+        EXPECT_EQ(records_of(8, 19, w), (std::vector<int>{27}));
+        EXPECT_EQ(records_of(8, 16'375, w), (std::vector<int>{16'383}));
+        EXPECT_EQ(records_of(16'383, 1, w), (std::vector<int>{16'384}));
+        EXPECT_EQ(records_of(8, 16'377, w), (std::vector<int>{8, 16'377}));
+        EXPECT_EQ(records_of(20'000, 3, w), (std::vector<int>{16'384, 3'616, 3}));
+    }
 }
 
 TEST(TlsOptions, AGroupIsConfirmed) {
