@@ -104,8 +104,10 @@ class Rotation(DaemonTest):
 
     def test_writer_that_goes_over_later_loses_nothing_with_drain(self):
         self.begin(rotation_drain=1)
-        renamed = self.path.rename(self.input / "app.1")
-        self.path.touch()
+        renamed, fresh = self.input / "app.1", self.input / "fresh"
+        fresh.touch()
+        renamed.hardlink_to(self.path)
+        fresh.rename(self.path)  # the name is never without a file
         for number in range(11, 16):
             with open(renamed, "a", encoding="utf-8") as late:
                 late.write(self.numbered(number, number, WIDTH))

@@ -141,14 +141,19 @@ def under_load(lab, turns=25, how="either", workers=1, settings=None, receiver=(
     finish(lab, daemon)
 
 
-def late_writer(lab, turns=5, settings=None):
-    """The writer goes on in the renamed file for a while before it opens the new one."""
+def late_writer(lab, turns=5, settings=None, gap=False):
+    """The writer goes on in the renamed file for a while before it opens the new one; `gap`: which
+    is not there before."""
     source, daemon = begin(lab, {**SAFE, **(settings or {})})
     for turn in range(lab.figures.get("cycles", turns)):
         path, renamed = source.path, source.path.with_name(f"a.old.{turn}")
-        path.rename(renamed)
-        if lab.rng.random() < 0.5:
-            path.touch()
+        if gap:
+            path.rename(renamed)
+        else:  # so that the name is never without a file
+            fresh = lab.input / "fresh"
+            fresh.touch()
+            renamed.hardlink_to(path)
+            fresh.rename(path)
         source.path = renamed
         for _ in range(6):
             source.append(5)
@@ -217,6 +222,7 @@ ROWS = [
         receiver=("--delay", 1)),
     row("late_writer", late_writer),
     row("late_writer_woken", late_writer, settings=WOKEN),
+    row("late_writer_no_file", late_writer, gap=True),
     row("receiver_down", receiver_down),
     row("copied_and_truncated", copied_and_truncated),
     row("copied_and_truncated_while_down", copied_and_truncated, down=True),

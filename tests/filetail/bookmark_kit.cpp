@@ -28,6 +28,12 @@ void append_file(const std::string &path, const std::string &bytes) {
     ASSERT_TRUE(out.flush().good()) << path;
 }
 
+void replace_by_empty(const std::string &path, const std::string &renamed) {
+    write_file(renamed + ".new", "");
+    std::filesystem::create_hard_link(path, renamed);
+    std::filesystem::rename(renamed + ".new", path);
+}
+
 std::string record(unsigned long long location, unsigned long long head, unsigned long long tail,
                    const std::string &path) {
     char text[512];

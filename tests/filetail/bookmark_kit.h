@@ -26,6 +26,9 @@ std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &bytes);
 void append_file(const std::string &path, const std::string &bytes);
 
+/// Renames the file and puts an empty one in its place, so that the name is never without a file.
+void replace_by_empty(const std::string &path, const std::string &renamed);
+
 /// The record as the format prescribes it, made by the C library and not by the code under test.
 std::string record(unsigned long long location, unsigned long long head, unsigned long long tail,
                    const std::string &path);

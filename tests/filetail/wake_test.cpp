@@ -80,8 +80,7 @@ TEST_F(WokenWorker, WriterThatIsLateWakesToo) {
     free(p.ft.ft_filter);
     p.ft.ft_filter = wide("a");
     start();
-    std::filesystem::rename(logs + "a", logs + "a.1");
-    bookmark_kit::write_file(logs + "a", "");
+    bookmark_kit::replace_by_empty(logs + "a", logs + "a.1");
     for (int i = 0; i < 5; ++i) {
         bookmark_kit::append_file(logs + "a.1", std::to_string(i) + "\n");
         ASSERT_EQ(arrived(static_cast<size_t>(i) + 2).back(), std::to_string(i) + " ");
