@@ -198,16 +198,19 @@ void resume_or_restart(fdesc *bm) {
 }
 
 // Without a record the position in memory stands, unless the file can no longer be the one that it
-// was reached in: it is shorter than that, or another file with another beginning. Staying silent
-// until it has grown past the position would lose what comes before.
-bool is_stale_position(const fdesc *bm, uint64_t inode_before) {
+// was reached in: it is shorter than that, another file with another beginning, or the same one
+// with a whole head that is no more what it was. Staying silent until it has grown past the
+// position would lose what comes before.
+bool is_stale_position(const fdesc *bm, const file_sight &before) {
     if (!bm->known || bm->l == 0 || bm->drain) return false;
-    return bm->sight.size < bm->l || (bm->sight.inode != inode_before && bm->sight.head != bm->h);
+    if (bm->sight.size < bm->l) return true;
+    if (bm->sight.inode != before.inode) return bm->sight.head != bm->h;
+    return before.size >= kHeadBytes && bm->sight.head != before.head;
 }
 
 finding look_up(fdesc *bm) {
-    const uint64_t inode_before = bm->sight.inode;
-    const bool same_only = inode_before != 0 && g_follow.load(std::memory_order_relaxed);
+    const file_sight before = bm->sight;
+    const bool same_only = before.inode != 0 && g_follow.load(std::memory_order_relaxed);
     bm->moved = 0;
     switch (look_at(bm, same_only)) {
         case sight_result::kMissing:
@@ -230,9 +233,9 @@ finding look_up(fdesc *bm) {
         bm->known = 1;
     }
     const int reason = errno;
-    if (found > 0 || bm->unsaved || (found < 0 && bm->known)) {
+    if (found > 0) {
         resume_or_restart(bm);
-    } else if (is_stale_position(bm, inode_before)) {
+    } else if (is_stale_position(bm, before)) {
         leave_position(bm);
     }
     errno = bm->moved ? ESTALE : reason;

@@ -262,6 +262,24 @@ class Positions(DaemonTest):
         self.assertEqual(got[20:], self.expected(11, 20, WIDTH))
         daemon.stop()
 
+    def test_without_a_usable_bookmark_file_nothing_is_repeated(self):
+        file = self.bookmarks / "ft_bookmark"
+        file.mkdir(parents=True)
+        receiver = self.receiver()
+        self.configure(receiver.port)
+        for count, line in enumerate(("one\n", "two\n", "three\n"), 1):
+            self.write("a.log", line)
+            if count == 1:
+                daemon = self.start()
+            receiver.wait_messages(count)
+            daemon.wait_log("No events to read", daemon.log().count("No events to read") + 1)
+        daemon.stop()
+        self.assertEqual(receiver.messages(), ["one ", "two ", "three "])
+        self.assertIn(f"Error opening bookmark file ({file}) for reading: (21)Is a directory\n",
+                      daemon.log())
+        self.assertIn(f"Error opening bookmark file ({file}) for update: Is a directory\n",
+                      daemon.log())
+
     def test_bookmark_record_is_the_documented_one(self):
         receiver = self.begin()
         self.write("a.log", self.numbered(1, 20, WIDTH))

@@ -166,6 +166,31 @@ TEST_F(BookmarkFailureTest, UnsavedFileThatWasCutStillStartsOver) {
     EXPECT_EQ(files[0]->l, 0u);
 }
 
+TEST_F(BookmarkFailureTest, WithoutAStoreAFileThatGrowsGoesOn) {
+    std::filesystem::create_directory(bookmarks);
+    fdesc *small = track_at(logs + "small", 4), *large = track_at(logs + "large", 300);
+    write_file(small->n, "one\n");
+    write_file(large->n, std::string(299, 'x') + "\n");
+    EXPECT_EQ(update(small), -1);
+    EXPECT_EQ(update(large), -1);
+    EXPECT_EQ(get_bookmark(small), -1);
+    EXPECT_EQ(get_bookmark(large), -1);
+    append_file(small->n, "two\n");
+    append_file(large->n, "two\n");
+    Capture log;
+    EXPECT_EQ(get_bookmark(small), -1);
+    EXPECT_EQ(get_bookmark(large), -1);
+    EXPECT_EQ(small->l, 4u) << "no record says that its head was another one";
+    EXPECT_EQ(large->l, 300u);
+    write_file(large->n, std::string(400, 'y') + "\n");
+    EXPECT_EQ(get_bookmark(large), -1);
+    EXPECT_EQ(large->l, 0u) << "written anew in its place";
+    const std::string text = log.text();
+    EXPECT_EQ(count_of(text, "Found file info"), 0u);
+    EXPECT_EQ(count_of(text, "Started reading file over"), 1u);
+    EXPECT_EQ(count_of(text, "for reading: (21)Is a directory\n"), 3u);
+}
+
 TEST_F(BookmarkFailureTest, WhileTheStoreCannotBeOpenedPositionsStay) {
     three();
     const std::string saved = image();
