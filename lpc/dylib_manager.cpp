@@ -50,6 +50,13 @@ int guarded(Step step) {
     return -1;
 }
 
+void destroy(IVlrLpcFactory *factory, IVlrLpcObject *object) {
+    guarded([&] {
+        factory->destroyObject(object);
+        return 0;
+    });
+}
+
 // Lets the runtime write through the sinks that this process has registered.
 void connect_logger(IVlrLpcLogger *runtime) {
     const LPCLogger *own = LPCLogger::getLogger();
@@ -226,7 +233,7 @@ void LPCDylibManager::unloadVlrLpcDll(bool notify) {
         std::lock_guard guard(m_guard);
         m_isVlrLpcAvailable.store(false, std::memory_order_relaxed);
     }
-    if (!m_unitTestingOnly) m_fptrDisableLPCLib();
+    if (!m_unitTestingOnly) guarded(m_fptrDisableLPCLib);
     if (notify) m_pcallbacks->vlrlpcUnInstalledCallBack_();
     {
         std::unique_lock guard(m_guard);
@@ -234,7 +241,7 @@ void LPCDylibManager::unloadVlrLpcDll(bool notify) {
         m_pvlrLpcfactory = nullptr;
         m_loans = 0;
     }
-    m_fptrDeinitializeLPCLib();
+    guarded(m_fptrDeinitializeLPCLib);
     closeLibrary();
     LPCLogger::getLogger()->logInfo(kModule,
                                     (L"Successfully released LPC runtime " + m_libPath).c_str());
@@ -263,9 +270,10 @@ T *LPCDylibManager::make(const ObjectRequest &request) {
     // The factory stays until the loan ends, also when unloading has begun meanwhile.
     IVlrLpcFactory *factory = nullptr;
     if (!borrow(&factory)) return nullptr;
-    IVlrLpcObject *object = factory ? factory->createObject(request) : nullptr;
+    IVlrLpcObject *object = nullptr;
+    if (factory) guarded([&] { return (object = factory->createObject(request)) ? 0 : -1; });
     if (T *wanted = dynamic_cast<T *>(object)) return wanted;
-    if (object) factory->destroyObject(object);
+    if (object) destroy(factory, object);
     endLoan();
     return nullptr;
 }
@@ -278,7 +286,7 @@ void LPCDylibManager::giveBack(IVlrLpcObject *object) {
     }
     // Without a factory the runtime was unloaded over this object's head; it is beyond help.
     if (!object || !factory) return;
-    factory->destroyObject(object);
+    destroy(factory, object);
     endLoan();
 }
 

@@ -41,6 +41,14 @@ std::string beside_library(const char *name) {
     return library.substr(0, library.rfind('/') + 1) + name;
 }
 
+bool has_file(const char *name) {
+    return access(beside_library(name).c_str(), F_OK) == 0;
+}
+
+void fail_by(const char *fault) {
+    if (has_file(fault)) throw std::runtime_error("the runtime's own words");
+}
+
 void note(const std::string &line) {
     static std::mutex guard;
     std::lock_guard hold(guard);
@@ -151,6 +159,7 @@ IVlrLpcObject *Runtime::createObject(const ObjectRequest &request) {
     const auto text = [](const char *name) { return name ? std::string(" ") + name : " -"; };
     note("createObject " + std::to_string(request.kind) + " " + std::to_string(request.number) +
          text(request.provider) + text(request.service) + text(request.method));
+    fail_by("throw later");
     if (request.kind == ObjectRequest::kRepository) return static_cast<ILPCRepository *>(this);
     return request.kind == ObjectRequest::kConnector ? new Queues : nullptr;
 }
@@ -174,10 +183,6 @@ void Runtime::end() {
     m_adaptors.clear();
 }
 
-bool has_file(const char *name) {
-    return access(beside_library(name).c_str(), F_OK) == 0;
-}
-
 }  // namespace
 
 ENTRY_POINT int generatePassphraseAndSaveToRegistry(const char *softwareId, unsigned char *buffer,
@@ -197,7 +202,7 @@ ENTRY_POINT int initializeLPCLib(const char *processId, const wchar_t *tmpDir,
     const bool given = callbacks->validationCallback_(nullptr, 0, phrase, &size);
     note(std::string("initializeLPCLib ") + processId + " " + narrow(tmpDir) + " mode " +
          std::to_string(archives->getArchiveMode()) + (crossObjects ? " objects" : " nothing"));
-    if (has_file("throw")) throw std::runtime_error("the runtime's own words");
+    fail_by("throw");
     note("passphrase " + std::to_string(given) + " " +
          std::string(reinterpret_cast<char *>(phrase), given ? size : 0));
     return has_file("refuse") ? 7 : 0;
@@ -224,12 +229,14 @@ ENTRY_POINT unsigned createAsyncResultId() {
 
 ENTRY_POINT int disableLPCLib() {
     note("disableLPCLib");
+    fail_by("throw later");
     return 0;
 }
 
 ENTRY_POINT int deinitializeLPCLib() {
     runtime.end();
     note("deinitializeLPCLib");
+    fail_by("throw later");
     return 0;
 }
 

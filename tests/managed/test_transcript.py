@@ -201,19 +201,32 @@ class Transcript(ManagedTest):
         self.assertEqual(self.failed("throw"), ["(DEBUG) the runtime's own words",
                                                 "(ERROR) Initializing LPC failed"])
 
-    def test_a_runtime_without_objects(self):
-        self.install("no factory", "no logger")
+    def without_services(self, *faults, why=()):
+        """A daemon whose services cannot be started; returns its messages from its end on."""
+        self.install("no logger", *faults)
         # The servants of a failed start are leaked.
         options = self.sanitizer_environment()["ASAN_OPTIONS"] + ":detect_leaks=0"
         log = self.run_daemon("getVlrLpcFactory", {"ASAN_OPTIONS": options})
         self.assertNotIn("setGeneral", self.transcript())
-        why = "(DEBUG) Unable to access LPC repository, please check LPC runtime"
-        self.assertEqual(log[3:log.index("(INFO) Shut down intiated")], [
-            *REGISTERED, why, "(ERROR) Unable to run the updater service",
-            why, "(ERROR) Unable to run the property collection service",
-            why, "(ERROR) Unable to run the policy enforcement service"])
+        why = [*why, "(DEBUG) Unable to access LPC repository, please check LPC runtime"]
+        end = log.index("(INFO) Shut down intiated")
+        self.assertEqual(log[3:end], [
+            *REGISTERED, *why, "(ERROR) Unable to run the updater service",
+            *why, "(ERROR) Unable to run the property collection service",
+            *why, "(ERROR) Unable to run the policy enforcement service"])
         self.assertEqual(self.transcript()[-4:],
                          ["disableLPCLib", "deinitializeLPCLib", "unloaded", "unloaded"])
+        return log[end:]
+
+    def test_a_runtime_without_objects(self):
+        self.without_services("no factory")
+
+    def test_a_runtime_that_throws_from_then_on(self):
+        words = "(DEBUG) the runtime's own words"
+        log = self.without_services("throw later", why=[words])
+        self.assertEqual(log[log.index("(INFO) DeInitializing LPC"):], [
+            "(INFO) DeInitializing LPC", words, words,
+            f"(INFO) Successfully released LPC runtime {self.agent}/libvlrlpc.so"])
 
 
 if __name__ == "__main__":
