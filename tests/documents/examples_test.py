@@ -93,6 +93,17 @@ class Examples(unittest.TestCase):
                 with self.subTest(document=document.name, name=name):
                     self.assertTrue((ROOT / name).exists() or list(ROOT.glob(name + ".*")), name)
 
+    @unittest.skipUnless(shutil.which("xxd"), "needs xxd")
+    def test_a_dump_of_the_wire_format_can_be_read(self):
+        block = fenced((ROOT / "docs" / "wire-format.md").read_text(), "sh")[0]
+        (self.dir / "docs").symlink_to(ROOT / "docs")
+        (self.dir / "build").mkdir()
+        (self.dir / "build" / "bin").symlink_to(BIN.resolve())
+        done = subprocess.run(["sh", "-ec", block], cwd=self.dir, stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, timeout=60)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertIn('"message":"<13>disk full"}', done.stdout)
+
     @unittest.skipUnless(shutil.which("bash"), "needs bash")
     def test_shell_blocks_parse(self):
         seen = 0
