@@ -2,10 +2,10 @@
 
 #include <netdb.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <regex>
 #include <thread>
 
 #include "ruv/trace.h"
@@ -171,10 +171,12 @@ TEST(Logging, TracePointsReplaceTheFunctionLines) {
     stderr_of([] { RUVSetLogging(0x09); });
     const std::string both = stderr_of(fail_and_succeed);
     stderr_of([] { RUVSetLogging(0); });
-    const std::regex lines(
-        "(libruv -- ruvlib -- RUVOpen -- [0-9]+\n){2}"
-        "(libruv -- ruvlib -- RUVStrError -- [0-9]+\n){2}");
-    EXPECT_TRUE(std::regex_match(text, lines)) << text;
+    std::string without_lines = text;
+    std::erase_if(without_lines, [](unsigned char c) { return isdigit(c); });
+    const std::string open = "libruv -- ruvlib -- RUVOpen -- \n";
+    const std::string error = "libruv -- ruvlib -- RUVStrError -- \n";
+    EXPECT_EQ(without_lines, open + open + error + error) << text;
+    EXPECT_LT(without_lines.size(), text.size()) << "line numbers";
     EXPECT_EQ(both, text);
 }
 
