@@ -121,11 +121,12 @@ TEST(Channel, IPv6IsOrderedByItsBytes) {
 
 TEST(Channel, HostIdsAreOrderedAsStrings) {
     cache_conn c;
-    const char *names[] = {"b", "", "abc", "\xC3\xBC", "ab"};
-    for (int i = 0; i < 5; ++i) ASSERT_EQ(c.save(hostid(names[i]).get(), i), 0);
-    const char *expected[] = {"", "ab", "abc", "b", "\xC3\xBC"};
-    for (int i = 0; i < 5; ++i) EXPECT_STREQ(c.conn.cid.hostid_hostid[i], expected[i]);
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(c.find(hostid(names[i]).get()), i);
+    const char *names[] = {"b", "", "abc", "\xC3\xBC", "ab", "B", "AB"};
+    for (int i = 0; i < 7; ++i) ASSERT_EQ(c.save(hostid(names[i]).get(), i), 0);
+    const char *expected[] = {"", "AB", "B", "ab", "abc", "b", "\xC3\xBC"};
+    for (int i = 0; i < 7; ++i) EXPECT_STREQ(c.conn.cid.hostid_hostid[i], expected[i]);
+    for (int i = 0; i < 7; ++i) EXPECT_EQ(c.find(hostid(names[i]).get()), i);
+    EXPECT_EQ(c.find(hostid("aB").get()), -1);
 }
 
 TEST(Channel, IdsOutsideTheHeadersFieldAreUnknownSources) {
