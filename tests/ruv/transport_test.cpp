@@ -380,6 +380,25 @@ TEST(Resolve, KeepsTheFirstAddressWithThePort) {
     EXPECT_EQ(ntohs(v6->conn_ai_addr.sin6_port), 80);
 }
 
+// Two addresses, the first one with a canonical name.
+int resolve_two(const char *, const char *service, const addrinfo *hints, addrinfo **list) {
+    addrinfo named = *hints;
+    named.ai_flags |= AI_CANONNAME;
+    const int code = getaddrinfo("127.0.0.5", service, &named, list);
+    return code != 0 ? code : getaddrinfo("127.0.0.6", service, hints, &(*list)->ai_next);
+}
+
+TEST(Resolve, KeepsNothingButTheFirstOfSeveralAddresses) {
+    const os_guard guard;
+    ruv::os.resolve = resolve_two;
+    conn_ptr conn(RUVAllocConn("two.example", 80, 1, 0, 0));
+    ASSERT_NE(conn, nullptr);
+    EXPECT_EQ(conn->conninfo.ai_next, nullptr);
+    EXPECT_EQ(conn->conninfo.ai_canonname, nullptr);
+    const auto *address = reinterpret_cast<const sockaddr_in *>(&conn->conn_ai_addr);
+    EXPECT_EQ(ntohl(address->sin_addr.s_addr), 0x7F000005u);
+}
+
 template <int Errno>
 int connect_with(int, const sockaddr *, socklen_t) {
     ++g_connects;
