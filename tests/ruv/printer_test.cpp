@@ -270,6 +270,18 @@ TEST(Print, UnitWithoutBodyPrintsNothing) {
     EXPECT_EQ("", dump(record));
 }
 
+// Sending stops ahead of the dump of such a record; the line is for who calls a printer directly.
+TEST(Print, AnIncompleteRecordIsNotOkayToSend) {
+    const auto record = kit::make(3, 6, 1);
+    const uint8_t block[8] = {};
+    testing::internal::CaptureStderr();
+    libruv_print_syslogv6v1(nullptr, record.get(), block, nullptr, 0);
+    EXPECT_EQ(
+        "Syslog Data - Ctl:\n\tVersion: 6, Subversion: 1\n\tThird Party Type: 0\n"
+        "\tOkay to Send: N\nSyslog Data - Data:\n\tTime: 0\n\tData Length: 0\n\tMsg (0): \n\n",
+        testing::internal::GetCapturedStderr());
+}
+
 // Texts end where their length says: the bytes behind belong to somebody else.
 TEST(Print, NothingIsReadBehindASegment) {
     const std::vector<char> tight(200, 'x');  // no terminator; the sanitizer watches its end
