@@ -1,5 +1,6 @@
 #include "tests/filetail/bookmark_kit.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -106,6 +107,18 @@ void Capture::restore() {
     }
     dup2(saved_, STDOUT_FILENO);
     close(saved_);
+}
+
+OneDescriptor::OneDescriptor() {
+    const int next = open("/dev/null", O_RDONLY);
+    close(next);
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
+    const rlimit one_more = {static_cast<rlim_t>(next) + 1, before_.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &one_more), 0);
+}
+
+OneDescriptor::~OneDescriptor() {
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before_), 0);
 }
 
 void StoreTest::SetUp() {

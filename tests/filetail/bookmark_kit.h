@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -61,6 +62,18 @@ class Capture {
     FILE *file_;
     int saved_ = -1;
     bool done_ = false;
+};
+
+/// While it lives the process can open one more file and no second one.
+class OneDescriptor {
+  public:
+    OneDescriptor();
+    ~OneDescriptor();
+    OneDescriptor(const OneDescriptor &) = delete;
+    OneDescriptor &operator=(const OneDescriptor &) = delete;
+
+  private:
+    rlimit before_;
 };
 
 /// A directory of its own with a bookmark file and a place for logs.

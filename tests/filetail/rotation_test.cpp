@@ -265,6 +265,37 @@ TEST_F(RotationTest, TroubleThatLastsIsReportedAndGivenUp) {
     EXPECT_EQ(received, old_text + fresh);
 }
 
+// The directory can be read, the renamed file cannot: after a minute it is no longer waited for,
+// and found by its content if it can be opened then.
+TEST_F(RotationTest, RenamedFileThatCannotBeOpened) {
+    for (const bool for_long : {false, true}) {
+        const std::string next = (for_long ? "last " : "next ") + fresh;
+        received.clear();
+        rename_to("a.log.1");
+        write_file(path, next);
+        std::string text;
+        uint8_t moved;
+        {
+            Capture log(4);
+            const OneDescriptor few;
+            update_file_list(group);
+            moved = file->moved;
+            if (for_long) {
+                file->failing_since -= 61;
+                update_file_list(group);
+            }
+            text = log.text();
+        }
+        EXPECT_EQ(moved, 1);
+        for (int i = 0; i < 4; ++i) pass();
+        EXPECT_EQ(received, rest + next);
+        EXPECT_EQ(
+            count_of(text, "(WARN) Cannot read the file that was renamed from: " + path + ": (24)"),
+            for_long ? 1u : 0u);
+        append_file(path, rest);
+    }
+}
+
 TEST_F(RotationTest, AnotherFileWithTheInodeIsNotTaken) {
     rename_to("a.log.1");
     write_file(logs + "a.log.1", lines(500, "quite another text"));
