@@ -1,5 +1,6 @@
 #include "tools/ruv_receiver/frame.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "tools/common/wire_layout.h"
@@ -12,10 +13,15 @@ constexpr size_t kDataTypeSize = 4; /**< bytes that follow an AmKnown2 request *
 
 /** Finds how many of the bytes belong to no unit; a beginning of a magic at the end is kept. */
 size_t garbage_length(const uint8_t *bytes, size_t have) {
-    const void *found = memmem(bytes, have, wire::kMagic, wire::kMagicSize);
-    if (found != nullptr) return static_cast<size_t>(static_cast<const uint8_t *>(found) - bytes);
-    for (size_t tail = have < wire::kMagicSize ? have : wire::kMagicSize - 1; tail > 0; tail--) {
-        if (memcmp(bytes + have - tail, wire::kMagic, tail) == 0) return have - tail;
+    const uint8_t *const end = bytes + have;
+    for (const uint8_t *at = bytes; at < end; at++) {
+        // Looks no further than it has to: the sanitizers' memmem() counts all of its range as
+        // read.
+        at = static_cast<const uint8_t *>(
+            memchr(at, wire::kMagic[0], static_cast<size_t>(end - at)));
+        if (at == nullptr) break;
+        size_t left = std::min(wire::kMagicSize, static_cast<size_t>(end - at));
+        if (memcmp(at, wire::kMagic, left) == 0) return static_cast<size_t>(at - bytes);
     }
     return have;
 }
