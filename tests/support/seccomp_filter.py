@@ -66,7 +66,7 @@ class Filter:
     """One filter: a default action and rules with another one."""
 
     def __init__(self, library, default=ALLOW, foreign=ALLOW):
-        self.library = library
+        self.seccomp = library
         self.context = library.seccomp_init(default)
         if not self.context:
             raise Unavailable("seccomp_init")
@@ -81,33 +81,33 @@ class Filter:
     def rule(self, action, call, *conditions):
         """Adds a rule; `conditions` are (argument, operation, first[, second]). A call that this
         architecture does not have needs none."""
-        number = self.library.seccomp_syscall_resolve_name(call.encode())
+        number = self.seccomp.seccomp_syscall_resolve_name(call.encode())
         if number == NO_SUCH_CALL or number < 0:
             return
         filled = [Condition(*(tuple(c) + (0,))[:4]) for c in conditions]
-        self._check(self.library.seccomp_rule_add_exact_array(
+        self._check(self.seccomp.seccomp_rule_add_exact_array(
             self.context, action, number, len(filled), (Condition * len(filled))(*filled)), call)
 
     def deny(self, call, *conditions, error=errno.EPERM):
         self.rule(ERRNO | error, call, *conditions)
 
     def load(self):
-        result = self.library.seccomp_load(self.context)
+        result = self.seccomp.seccomp_load(self.context)
         if -result in (errno.EINVAL, errno.ENOSYS):
             raise Unavailable("the kernel takes no filter")
         self._check(result, "load")
-        self.library.seccomp_release(self.context)
+        self.seccomp.seccomp_release(self.context)
 
 
 class Filters:
     """Each method installs the filter of one kind of line, for this process and its children."""
 
     def __init__(self):
-        self.library = load_library()
+        self.seccomp = load_library()
         self.groups = Groups()
 
     def architectures(self):
-        Filter(self.library, foreign=KILL).load()
+        Filter(self.seccomp, foreign=KILL).load()
 
     def calls(self, lines, error):
         """SystemCallFilter: the first line says whether the list allows or denies. A call that the
@@ -118,25 +118,25 @@ class Filters:
             names = set().union(*(self.groups.expand(n) for n in line.lstrip("~").split()))
             listed = listed | names if line.startswith("~") != allowing else listed - names
         if allowing:
-            made = Filter(self.library, default=ERRNO | errno.ENOSYS)
+            made = Filter(self.seccomp, default=ERRNO | errno.ENOSYS)
             for call in sorted(listed):
                 made.rule(ALLOW, call)
             listed = self.groups.expand("@known") - listed
         else:
-            made = Filter(self.library)
+            made = Filter(self.seccomp)
         for call in sorted(listed):
             made.deny(call, error=error)
         made.load()
 
     def group(self, *names):
-        made = Filter(self.library)
+        made = Filter(self.seccomp)
         for call in sorted(set().union(*map(self.groups.expand, names))):
             made.deny(call)
         made.load()
 
     def families(self, names):
         numbers = sorted(int(getattr(socket, name)) for name in names)
-        made = Filter(self.library)
+        made = Filter(self.seccomp)
         rules = [(0, LT, numbers[0]), (0, GT, numbers[-1])]
         rules += [(0, EQ, n) for n in range(numbers[0], numbers[-1]) if n not in numbers]
         for rule in rules:
@@ -145,7 +145,7 @@ class Filters:
         made.load()
 
     def write_execute(self):
-        made = Filter(self.library)
+        made = Filter(self.seccomp)
         both = PROT_WRITE | PROT_EXEC
         for call in ("mmap", "mmap2"):
             made.deny(call, (2, MASKED_EQ, both, both))
@@ -155,7 +155,7 @@ class Filters:
         made.load()
 
     def namespaces(self):
-        made = Filter(self.library)
+        made = Filter(self.seccomp)
         made.deny("clone3", error=errno.ENOSYS)  # its flags lie in memory that no filter sees
         made.deny("setns")
         for flag in NAMESPACES:
@@ -164,14 +164,14 @@ class Filters:
         made.load()
 
     def real_time(self):
-        made = Filter(self.library)
+        made = Filter(self.seccomp)
         made.deny("sched_setscheduler", (1, GT, max(REAL_TIME_FREE)))
         for policy in set(range(max(REAL_TIME_FREE))) - set(REAL_TIME_FREE):
             made.deny("sched_setscheduler", (1, EQ, policy))
         made.load()
 
     def setuid_files(self):
-        made = Filter(self.library)
+        made = Filter(self.seccomp)
         for bit in (SETUID_BIT, SETGID_BIT):
             for call, mode in (("chmod", 1), ("fchmod", 1), ("fchmodat", 2), ("mkdir", 1),
                                ("mkdirat", 2), ("mknod", 1), ("mknodat", 2), ("creat", 1)):
@@ -183,6 +183,6 @@ class Filters:
         made.load()
 
     def personality(self):
-        made = Filter(self.library)
+        made = Filter(self.seccomp)
         made.deny("personality", (0, NE, 0))
         made.load()
