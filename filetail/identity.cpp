@@ -10,6 +10,7 @@
 
 #include "core/execution.h"
 #include "core/utils.h"
+#include "filetail/owned_descriptor.h"
 #include "filetail/sight.h"
 
 namespace {
@@ -44,20 +45,6 @@ constexpr table kLeft = [] {
     }
     return left;
 }();
-
-class owned_descriptor {
-  public:
-    explicit owned_descriptor(int fd) : fd_(fd) {}
-    ~owned_descriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    owned_descriptor(const owned_descriptor &) = delete;
-    owned_descriptor &operator=(const owned_descriptor &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 // Looks for 256 bytes with this checksum between two places. The checksum of each range follows
 // from that of the one before: a CRC is linear but for its constant beginning.

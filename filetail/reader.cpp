@@ -20,6 +20,7 @@
 #include "filetail/big_fix.h"
 #include "filetail/bookmark.h"
 #include "filetail/identity.h"
+#include "filetail/owned_descriptor.h"
 #include "filetail/reader_notes.h"
 #include "filetail/reader_window.h"
 #include "filetail/ruv.h"
@@ -40,21 +41,6 @@ using owned_string = std::unique_ptr<char, free_memory>;
 
 struct close_stream {
     void operator()(FILE *stream) const { fclose(stream); }
-};
-
-/// Closes its descriptor at the end of its life.
-class owned_descriptor {
-  public:
-    explicit owned_descriptor(int fd) : fd_(fd) {}
-    ~owned_descriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    owned_descriptor(const owned_descriptor &) = delete;
-    owned_descriptor &operator=(const owned_descriptor &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
 };
 
 /// What a worker keeps from file to file.

@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "core/utils.h"
+#include "filetail/owned_descriptor.h"
 
 namespace {
 
@@ -19,20 +20,6 @@ constexpr int64_t kSettledNs = 1'000'000'000;
 // Kept: the range of the tail checksum begins 257 bytes before the end, so that it leaves the last
 // byte out; records written before must stay comparable.
 constexpr uint64_t kTailBytes = 257;
-
-class owned_descriptor {
-  public:
-    explicit owned_descriptor(int fd) : fd_(fd) {}
-    ~owned_descriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    owned_descriptor(const owned_descriptor &) = delete;
-    owned_descriptor &operator=(const owned_descriptor &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 int64_t nanoseconds(const timespec &t) {
     return t.tv_sec * int64_t{1'000'000'000} + t.tv_nsec;
