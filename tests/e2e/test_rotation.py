@@ -4,20 +4,23 @@ The daemon is held with SIGSTOP while a file is rotated, so that "the unread res
 was written meanwhile.
 """
 import gzip
+import json
 import os
 import shutil
 import signal
+import subprocess
+from pathlib import Path
 
 import kit_path  # noqa: F401
-from daemon_kit import DaemonTest, main, wait_for
+from daemon_kit import BUILD, DaemonTest, main, wait_for
 
 WIDTH = 40  # bytes of a line, without its line feed: ten lines are more than 256 bytes
 
 
 class Rotation(DaemonTest):
-    def begin(self, section=None, **settings):
+    def begin(self, section=None, receiver=(), **settings):
         """Ten events are in the file, sent and stored."""
-        self.receiver_ = self.receiver()
+        self.receiver_ = self.receiver(*receiver)
         self.configure(self.receiver_.port, section or {}, debug_level="info", **settings)
         self.path = self.write("app.log", self.numbered(1, 10, WIDTH))
         self.daemon = self.start()
@@ -27,6 +30,9 @@ class Rotation(DaemonTest):
     def held(self):
         """Between this and go_on() the daemon sees nothing."""
         self.daemon.send(signal.SIGSTOP)
+        states = Path(f"/proc/{self.daemon.pid}/task").glob("*/stat")
+        for path in states:
+            wait_for(lambda p=path: p.read_text().rpartition(") ")[2][0] == "T", "a held thread")
 
     def go_on(self):
         self.daemon.send(signal.SIGCONT)
@@ -56,6 +62,34 @@ class Rotation(DaemonTest):
         self.begin(rotation_drain=1)
         self.rotate_by_rename("app.1")
         self.finish((1, 10), (11, 15), (101, 120))
+
+    def status(self):
+        """Name of each file -> (position, lag), and the lag of all."""
+        done = subprocess.run([BUILD / "bin/siem_collector_status", "--json", "-c", self.conf_path],
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=False)
+        found = json.loads(done.stdout)
+        return {os.path.basename(file["path"]): (file["position"], file["lag_bytes"])
+                for file in found["plugins"][0]["files"]}, found["lag_bytes"]
+
+    def test_status_counts_the_rest_that_is_being_sent(self):
+        # A Receiver that stops reading leaves the daemon in the middle of the rest.
+        self.begin(receiver=("--stall-after", 500, "--receive-buffer", 4096), rotation_drain=1)
+        begun = self.path.stat().st_size
+        self.held()
+        self.write("app.log", self.numbered(11, 120000, WIDTH))
+        size = self.path.stat().st_size
+        self.path.rename(self.input / "app.1")
+        self.assertEqual(self.status(), ({"app.1": (begun, size - begun)}, size - begun))
+        self.write("app.log", self.numbered(1, 20, WIDTH))
+        fresh = self.path.stat().st_size
+        self.go_on()
+        self.receiver_.wait_messages(500)
+        self.held()
+        at = self.bookmark_records()[str(self.path)][0]
+        self.assertTrue(begun < at < size, (begun, at, size))
+        self.assertEqual(self.status(), ({"app.log": (0, fresh), "app.1": (at, size - at)},
+                                         fresh + size - at))
+        self.daemon.kill()
 
     def rotate_while_down(self, stop, *names):
         """The daemon ends behind event 10; the file with 11 to 15 gets the first name."""

@@ -141,6 +141,87 @@ class Status(unittest.TestCase):
         self.bookmark(record(path, 1000, head_of(content)))
         self.assertEqual(self.file()["position"], 0)
 
+    def set_globally(self, *lines):
+        self.config.write_text("".join(line + "\n" for line in lines) + self.config.read_text())
+
+    def renamed(self, location=160):
+        """a.log was renamed to a.log.1 and begun anew; the bookmark is that of the old content."""
+        old, new = b"line of the log\n" * 100, b"another line of the log\n" * 20
+        self.log("a.log.1", old)
+        path = self.log("a.log", new)
+        # A longer file with the same beginning and one with the same text elsewhere are others.
+        self.log("b.log.1", old[:256] + b"other\n" * 500)
+        (self.logs / "folder").mkdir(exist_ok=True)
+        self.log("folder/a.log.2", old + old)
+        self.bookmark(record(path, location, head_of(old), zlib.crc32(old[-257:-1])))
+        return path
+
+    def files(self):
+        survey = self.survey()[1]
+        return {os.path.basename(f["path"]): f for f in survey["plugins"][0]["files"]}, survey
+
+    def test_rest_of_a_renamed_file_is_counted_and_named(self):
+        path = self.renamed()
+        self.assertTrue(self.file()["head_changed"])
+        self.set_globally("rotation_drain=1")
+        files, survey = self.files()
+        self.assertEqual(sorted(files), ["a.log", "a.log.1"])
+        rest = files["a.log.1"]
+        self.assertEqual((rest["size"], rest["position"], rest["lag_bytes"], rest["events"]),
+                         (1600, 160, 1440, 90))
+        self.assertEqual((rest["rest_of"], rest["waits_for_rest"]), (str(path), False))
+        new = files["a.log"]
+        self.assertEqual((new["position"], new["lag_bytes"], new["events"]), (0, 480, 20))
+        self.assertEqual((new["rest_of"], new["waits_for_rest"]), ("", True))
+        self.assertEqual(survey["lag_bytes"], 1440 + 480)
+        out = self.run_tool().stdout
+        self.assertIn(", 1920 bytes behind", out.splitlines()[0])
+        self.assertIn("a.log  [new file: read from 0 when that rest was sent]", out)
+        self.assertIn("a.log.1  [rest of a.log, sent before it]", out)
+        self.run_tool("--prom", str(self.dir / "x.prom"))
+        self.assertIn(f'siem_collector_file_lag_bytes{{path="{path}.1"}} 1440\n',
+                      (self.dir / "x.prom").read_text())
+        self.assertEqual(self.run_tool("--warn", "1920").returncode, 1)
+
+    def test_rest_of_a_renamed_file_without_a_successor(self):
+        path = self.renamed()
+        path.unlink()
+        self.assertEqual(self.files()[0], {})
+        self.set_globally("rotation_drain=1")
+        files, survey = self.files()
+        self.assertEqual((list(files), survey["lag_bytes"]), (["a.log.1"], 1440))
+
+    def test_renamed_file_that_was_sent_whole_is_not_named(self):
+        path = self.renamed(location=1600)
+        self.set_globally("rotation_drain=1")
+        files, survey = self.files()
+        self.assertEqual((list(files), survey["lag_bytes"]), (["a.log"], 480))
+        self.assertTrue(files["a.log"]["head_changed"])
+        self.assertFalse(files["a.log"]["waits_for_rest"])
+        self.assertIn("head changed: read again from 0", self.run_tool().stdout)
+        path.unlink()
+        self.assertEqual(self.files()[0], {})
+
+    def test_longest_copy_of_a_truncated_file_holds_the_rest(self):
+        path = self.renamed()
+        old = (self.logs / "a.log.1").read_bytes()
+        self.log("a.log.2", old + b"later line\n")
+        path.write_bytes(old[:100])  # begins as before, but is shorter than what was sent
+        self.set_globally("rotation_drain=1")
+        files, _ = self.files()
+        self.assertEqual(sorted(files), ["a.log", "a.log.2"])
+        self.assertEqual(files["a.log.2"]["lag_bytes"], 1440 + 11)
+
+    def test_guarded_small_file_is_the_same_when_it_has_grown(self):
+        content = b"line of the log\n" * 20
+        path = self.log("a.log", content)
+        self.bookmark(record(path, 32, head_of(content[:48])))
+        state = self.file()
+        self.assertEqual((state["head_changed"], state["position"]), (True, 0))
+        self.set_globally("small_file_guard=1")
+        state = self.file()
+        self.assertEqual((state["head_changed"], state["position"]), (False, 32))
+
     def test_small_nul_and_long(self):
         content = b"a\0b\n" + b"x" * 70000 + b"\n"
         path = self.log("a.log", content)

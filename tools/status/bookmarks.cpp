@@ -78,7 +78,8 @@ bookmark_image read_bookmarks(const std::string &path) {
         const bookmark_record parsed = bookmark_parse(record, length);
         if (!well_formed(record)) {
             image.problems.push_back({number, "damaged", name});
-        } else if (!image.positions.insert({name, {parsed.location, parsed.head}}).second) {
+        } else if (!image.positions.insert({name, {parsed.location, parsed.head, parsed.tail}})
+                        .second) {
             image.problems.push_back({number, "double", name});
         }
     }

@@ -10,6 +10,7 @@
 struct stored_position {
     uint64_t location;
     uint32_t head;
+    uint32_t tail;
 };
 
 /// Something that a bookmark file should not hold.

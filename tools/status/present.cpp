@@ -48,16 +48,22 @@ std::string duration(long seconds) {
     return format("%ldd", seconds / 86400);
 }
 
+std::string name_of(const std::string &path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
 std::string notes(const file_state &file) {
     std::string text;
-    const auto add = [&](bool holds, const char *note) {
-        if (holds) text += (text.empty() ? "" : ", ") + std::string(note);
+    const auto add = [&](bool holds, const std::string &note) {
+        if (holds) text += (text.empty() ? "" : ", ") + note;
     };
     add(!file.readable, "not readable");
     add(file.forbidden, "the collector may not read it");
     add(file.unsure, "position unknown");
     add(!file.known && !file.unsure, "no bookmark yet");
-    add(file.head_changed, "head changed: read again from 0");
+    if (!file.rest_of.empty()) add(true, "rest of " + name_of(file.rest_of) + ", sent before it");
+    add(file.waits_for_rest, "new file: read from 0 when that rest was sent");
+    add(file.head_changed && !file.waits_for_rest, "head changed: read again from 0");
     add(file.small, "under 256 bytes");
     add(file.waiting > 0, "waits for a delimiter");
     add(file.nul_ahead, "NUL bytes ahead");
@@ -166,7 +172,7 @@ std::string present_screen(const survey &taken, const lag_limits &limits) {
                           duration(file.age_seconds).c_str());
             const std::string note = notes(file);
             out += printable(file.path.substr(plugin.directory.size())) +
-                   (note.empty() ? "" : "  [" + note + "]") + "\n";
+                   (note.empty() ? "" : "  [" + printable(note) + "]") + "\n";
         }
         if (plugin.files.size() > kFilesShown) {
             out += format("  ... and %zu more (--json shows all)\n",
@@ -208,10 +214,11 @@ std::string present_json(const survey &taken, const lag_limits &limits) {
             out += format(
                 "\"age_seconds\": %ld, \"known\": %s, \"unsure\": %s, \"readable\": %s, "
                 "\"forbidden\": %s, \"head_changed\": %s, \"small\": %s, "
-                "\"nul_ahead\": %s, \"long_ahead\": %s}",
+                "\"nul_ahead\": %s, \"long_ahead\": %s, \"waits_for_rest\": %s, ",
                 file.age_seconds, truth(file.known), truth(file.unsure), truth(file.readable),
                 truth(file.forbidden), truth(file.head_changed), truth(file.small),
-                truth(file.nul_ahead), truth(file.long_ahead));
+                truth(file.nul_ahead), truth(file.long_ahead), truth(file.waits_for_rest));
+            out += "\"rest_of\": " + json_string(file.rest_of) + "}";
         }
         out += "]}";
     }

@@ -12,14 +12,17 @@
 #include <ctime>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "core/utils.h"
 #include "filetail/cutter.h"
 #include "filetail/delimiter.h"
+#include "filetail/identity.h"
 #include "tools/check/config_text.h"
 #include "tools/check/rules.h"
 #include "tools/host/account.h"
 #include "tools/host/lock_holder.h"
+#include "tools/status/renamed.h"
 
 namespace {
 
@@ -115,6 +118,8 @@ uint32_t head_checksum(const readable_file &file) {
 struct section_rules {
     const delimiter *pattern;
     bool from_top;  // a file without a bookmark is read from its first byte
+    bool guards;    // small_file_guard
+    bool drains;    // rotation_drain
 };
 
 file_state look_at(const std::string &path, const struct stat &info, const bookmark_image &marks,
@@ -132,8 +137,11 @@ file_state look_at(const std::string &path, const struct stat &info, const bookm
     state.known = mark != marks.positions.end();
     if (!state.readable || state.unsure) return state;
     if (state.known) {
-        state.head_changed = mark->second.head != head_checksum(file);
-        state.position = mark->second.location;
+        const stored_position &at = mark->second;
+        state.head_changed =
+            at.head != head_checksum(file) &&
+            !(rules.guards && is_grown_small_file(path.c_str(), at.head, at.location));
+        state.position = at.location;
         // What the daemon will do at its next scan: a new file is read from its first byte.
         if (state.head_changed || state.position > state.size) state.position = 0;
     } else if (rules.from_top) {
@@ -148,6 +156,53 @@ bool starts_at_top(const config_text &text, const config_section &section) {
     return line != nullptr && (line->value.empty() || line->value == "1");
 }
 
+bool is_set(const config_text &text, const char *key) {
+    return number_of(global_value(text, key)).value_or(0) == 1;
+}
+
+// The bookmarks of this section whose position was not reached in the file that stands under their
+// path now, or to which no path leads any more.
+std::vector<left_behind> bookmarks_left_behind(const plugin_state &plugin,
+                                               const bookmark_image &marks) {
+    std::vector<left_behind> found;
+    for (const file_state &file : plugin.files) {
+        if (!file.known || !file.readable) continue;
+        const stored_position &at = marks.positions.at(file.path);
+        const bool other = file.head_changed || at.location > file.size;
+        if (!other || is_grown_small_file(file.path.c_str(), at.head, at.location)) continue;
+        found.push_back({file.path, at});
+    }
+    const size_t prefix = plugin.directory.size();
+    for (const auto &[path, at] : marks.positions) {
+        struct stat info {};
+        if (path.compare(0, prefix, plugin.directory) != 0) continue;
+        if (path.find('/', prefix) != std::string::npos) continue;
+        if (fnmatch(plugin.filter.c_str(), path.c_str() + prefix, 0) != 0) continue;
+        if (lstat(path.c_str(), &info) == 0 || errno != ENOENT) continue;
+        found.push_back({path, at});
+    }
+    return found;
+}
+
+// What the daemon has still to send of files that were renamed, each as a file of its own.
+void add_rests(const bookmark_image &marks, const section_rules &rules, long now,
+               plugin_state *plugin) {
+    const std::vector<left_behind> bookmarks = bookmarks_left_behind(*plugin, marks);
+    for (const renamed_file &rest : find_renamed(plugin->directory, plugin->filter, bookmarks)) {
+        for (file_state &file : plugin->files) file.waits_for_rest |= file.path == rest.rest_of;
+        file_state state;
+        state.path = rest.path;
+        state.rest_of = rest.rest_of;
+        state.size = rest.size;
+        state.known = true;
+        state.position = marks.positions.at(rest.rest_of).location;
+        state.age_seconds = std::max<long>(0, now - rest.changed);
+        const readable_file file(rest.path);
+        if (rules.pattern != nullptr) look_ahead(file, rules.pattern, &state);
+        plugin->files.push_back(std::move(state));
+    }
+}
+
 plugin_state look_at_plugin(const config_text &text, const config_section &section,
                             const bookmark_image &marks, long now) {
     plugin_state state;
@@ -156,7 +211,8 @@ plugin_state look_at_plugin(const config_text &text, const config_section &secti
     std::string reason;
     const delimiter_ptr pattern = delimiter_compile(
         translate_delim(section_value(text, section, "ft_delim").c_str()), &reason);
-    const section_rules rules{pattern.get(), starts_at_top(text, section)};
+    const section_rules rules{pattern.get(), starts_at_top(text, section),
+                              is_set(text, "small_file_guard"), is_set(text, "rotation_drain")};
     std::unique_ptr<DIR, int (*)(DIR *)> dir(opendir(state.directory.c_str()), &closedir);
     if (dir == nullptr) {
         state.error = strerror(errno);
@@ -169,6 +225,7 @@ plugin_state look_at_plugin(const config_text &text, const config_section &secti
         if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
         state.files.push_back(look_at(path, info, marks, rules, now));
     }
+    if (rules.drains) add_rests(marks, rules, now, &state);
     std::sort(state.files.begin(), state.files.end(),
               [](const file_state &a, const file_state &b) { return a.path < b.path; });
     return state;

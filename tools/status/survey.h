@@ -14,20 +14,22 @@
 struct file_state {
     std::string path;
     uint64_t size = 0;
-    bool known = false;         ///< it has a bookmark
-    bool unsure = false;        ///< the bookmark file cannot be read, so `position` is a guess
-    uint64_t position = 0;      ///< bytes sent; where it will be begun when it has no bookmark
-    uint64_t lag = 0;           ///< bytes from the position to the last delimiter
-    int64_t events = 0;         ///< events in them; -1 = no delimiter in sight to estimate by
-    bool estimated = false;     ///< `events` was reckoned from a sample
-    uint64_t waiting = 0;       ///< bytes behind the last delimiter: an event not yet ended
-    long age_seconds = 0;       ///< since its last change
-    bool readable = true;       ///< by this tool
-    bool forbidden = false;     ///< the running collector's account may not read it
-    bool head_changed = false;  ///< the daemon will take it for a new file
-    bool small = false;         ///< under 256 bytes
-    bool nul_ahead = false;     ///< NUL bytes in what lies ahead
-    bool long_ahead = false;    ///< an event of more than 65,535 bytes lies ahead
+    bool known = false;           ///< it has a bookmark
+    bool unsure = false;          ///< the bookmark file cannot be read, so `position` is a guess
+    uint64_t position = 0;        ///< bytes sent; where it will be begun when it has no bookmark
+    uint64_t lag = 0;             ///< bytes from the position to the last delimiter
+    int64_t events = 0;           ///< events in them; -1 = no delimiter in sight to estimate by
+    bool estimated = false;       ///< `events` was reckoned from a sample
+    uint64_t waiting = 0;         ///< bytes behind the last delimiter: an event not yet ended
+    long age_seconds = 0;         ///< since its last change
+    bool readable = true;         ///< by this tool
+    bool forbidden = false;       ///< the running collector's account may not read it
+    bool head_changed = false;    ///< the daemon will take it for a new file
+    std::string rest_of;          ///< renamed by a rotation: its rest is sent under this old name
+    bool waits_for_rest = false;  ///< begun when the rest of such a file was sent
+    bool small = false;           ///< under 256 bytes
+    bool nul_ahead = false;       ///< NUL bytes in what lies ahead
+    bool long_ahead = false;      ///< an event of more than 65,535 bytes lies ahead
 };
 
 /// One section of the configuration.
