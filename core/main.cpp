@@ -3,8 +3,13 @@
 
 #include "core/lifecycle.h"
 
-int main(int argc, char **argv) {
+// Before the constructors of the libraries: the event library's opens files that stay open, and
+// they would take the place of a standard stream that is closed.
+[[gnu::constructor(101)]] static void before_the_libraries() {
     occupy_standard_streams();
+}
+
+int main(int argc, char **argv) {
     setlocale(LC_CTYPE, "");
     install_signal_handlers();
     if (start_collector(argc, argv) != 0) return 1;

@@ -254,6 +254,9 @@ class Process(DaemonTest):
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)
         receiver.wait_messages(10)
+        for stream in range(3):  # also none of the files that the libraries open before main()
+            device = os.stat(f"/proc/{process.pid}/fd/{stream}").st_rdev
+            self.assertEqual(device, os.stat(os.devnull).st_rdev, f"standard stream {stream}")
         process.terminate()
         self.assertEqual(process.wait(60), 15)
         self.assertEqual(receiver.messages(), self.expected(1, 10, WIDTH))
