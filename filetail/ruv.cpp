@@ -33,6 +33,9 @@ constexpr int kWrongGeneration = 12;
 /// Failed sends of this worker since its last success.
 thread_local int failures_in_a_row = 0;
 
+/// Whether the library writes lines of its own to standard error, which may be the log file.
+std::atomic<bool> library_speaks{false};
+
 /// What a failure left behind, taken before anything else can overwrite it.
 struct failure {
     int system_error;
@@ -124,6 +127,14 @@ bool have_record(plugin *p) {
     return false;
 }
 
+/// A message of every event. Where the library's lines make the log grow, the logger gets even a
+/// masked one: it looks at the size of the file.
+void log_of_each_event(const char *message) {
+    if (log_enabled(kLogDebug) || library_speaks.load(std::memory_order_relaxed)) {
+        logger(kLogDebug, "%s", message);
+    }
+}
+
 bool may_send() {
     return _connected.load(std::memory_order_relaxed) == 1 && is_executing();
 }
@@ -194,7 +205,9 @@ void warn_of_legacy_tls(const config *c) {
 int ruv_init(config *c) {
     const spinlock_guard hold(ruv_lock);
     c->connected.store(1);
-    RUVSetLogging(translate_lib_level(c->debug));
+    const uint64_t library_level = translate_lib_level(c->debug);
+    library_speaks.store(library_level != 0, std::memory_order_relaxed);
+    RUVSetLogging(library_level);
     logger(kLogInfo, "Attempting connection to Server: %ls -- Port: %d -- Encrypt: %d",
            c->ruv.server, c->ruv.port, c->ruv.encrypt);
     warn_of_legacy_tls(c);
@@ -243,24 +256,24 @@ int ruv_ensure_connected(plugin *p) {
 }
 
 int send_event(plugin *p, const char *event, size_t length) {
-    if (log_enabled(kLogDebug)) logger(kLogDebug, "engage ruv spin lock");
+    log_of_each_event("engage ruv spin lock");
     int sent;
     {
         const spinlock_guard hold(ruv_lock);
         sent = send_event_locked(p, event, length);
     }
-    if (log_enabled(kLogDebug)) logger(kLogDebug, "released ruv spin lock");
+    log_of_each_event("released ruv spin lock");
     return sent;
 }
 
 int send_group(plugin *p, const group_event *events, int count) {
-    if (log_enabled(kLogDebug)) logger(kLogDebug, "engage ruv spin lock");
+    log_of_each_event("engage ruv spin lock");
     int sent;
     {
         const spinlock_guard hold(ruv_lock);
         sent = send_group_locked(p, events, count);
     }
-    if (log_enabled(kLogDebug)) logger(kLogDebug, "released ruv spin lock");
+    log_of_each_event("released ruv spin lock");
     return sent;
 }
 

@@ -87,6 +87,25 @@ TEST_F(Ruv, TheLibrarySpeaksAtItsOwnLevel) {
     RUVSetLogging(0);
 }
 
+TEST_F(Ruv, TheLinesOfTheLibraryDoNotLetTheLogOutgrowItsLimit) {
+    conf.debug = wide("warn");
+    testing::internal::CaptureStderr();
+    const std::string path = logs + "daemon.log";
+    wchar_t *wide_path = wide(path);
+    logger_init(translate_level(conf.debug), wide_path, 1);
+    free(wide_path);
+    connect_to();
+    EXPECT_EQ(truncate(path.c_str(), 10'485'760), 0) << "as if the library had written so much";
+    EXPECT_EQ(send("event"), 1);
+    struct stat info = {};
+    EXPECT_EQ(stat(path.c_str(), &info), 0);
+    EXPECT_LT(info.st_size, 100'000);
+    logger_teardown();
+    logger_init(0, nullptr, 0);
+    RUVSetLogging(0);
+    testing::internal::GetCapturedStderr();
+}
+
 TEST_F(Ruv, AReceiverThatIsDownIsReported) {
     address_is(quiet.port());
     Capture log(1);
