@@ -63,7 +63,8 @@ std::wstring working_directory() {
 }
 
 // Returns as initializeLPC(); a memory that is short is one more way to fail.
-int bring_up() try {
+int bring_up(void (*log)(int level, const wchar_t *message)) try {
+    Services::LPCLogger::getLogger()->registerGeneralLogger(log);
     LPC::obtain_passphrase(kSoftwareId, g_lpc_passphrase, &g_passphrase_length);
     LPC::VlrLpcCallbacks *callbacks = new_callbacks();
     LPC::ISerializationFactory *factory = new LPC::SerializationFactory;
@@ -101,8 +102,7 @@ void start_service(const char *name) {
 }  // namespace
 
 int init_lpc(void (*log)(int level, const wchar_t *message)) {
-    Services::LPCLogger::getLogger()->registerGeneralLogger(log);
-    const int retVal = bring_up();
+    const int retVal = bring_up(log);
     if (retVal < 0) {
         logger(kLogError, "Initializing LPC failed");
         return retVal;
@@ -117,9 +117,11 @@ int init_lpc(void (*log)(int level, const wchar_t *message)) {
     return 0;
 }
 
-void deinit_lpc() {
+void deinit_lpc() try {
     logger(kLogInfo, "DeInitializing LPC");
     LPC::deinitializeLPC();
+} catch (const std::bad_alloc &) {
+    // The process ends next, and what was not taken down ends with it.
 }
 
 bool registerInterfaces() {
