@@ -1,13 +1,15 @@
 #include "lpc_interface/IPropertyCollection_Servant_Impl.h"
 
+#include <cstdlib>
 #include <exception>
 #include <memory>
+#include <new>
 #include <string>
 
 #include "config/conf.h"
 #include "core/args.h"
 #include "core/siemcollector_log.h"
-#include "lpc_interface/policy_rules.h"
+#include "core/utils.h"
 
 namespace velmor_com::NQ::LPC {
 
@@ -20,6 +22,19 @@ struct FreePairs {
     void operator()(key_value_pair_spec *pairs) const { conf_teardown_key_value_pair(pairs); }
 };
 
+struct FreeText {
+    void operator()(char *text) const { free(text); }
+};
+
+// A line of the file as it stands there, a carriage return at its end included: unlike the texts of
+// a policy it comes from this host, and it cannot hold a line feed.
+void log_line(const key_value_pair &pair) {
+    if (!log_enabled(kLogDebug)) return;
+    const std::unique_ptr<char, FreeText> key(wstrtostr(pair.key)), value(wstrtostr(pair.value));
+    if (!key || !value) throw std::bad_alloc();
+    logger(kLogDebug, "\tConfig param: %s : %s", key.get(), value.get());
+}
+
 void collect(manageability::Lpc_MultipleSectionsHandle &sections) {
     sections.insert(L"General", L"szProductVer", kProductVersion);
     sections.insert(L"General", L"Language", kLanguage);
@@ -28,9 +43,7 @@ void collect(manageability::Lpc_MultipleSectionsHandle &sections) {
     const std::unique_ptr<key_value_pair_spec, FreePairs> pairs(parsed);
     for (int i = 0; pairs && i < pairs->count; i++) {
         const key_value_pair &pair = *pairs->kvp[i];
-        if (log_enabled(kLogDebug))
-            logger(kLogDebug, "\tConfig param: %s : %s", log_text(pair.key, pair.key_len).c_str(),
-                   log_text(pair.value, pair.value_len).c_str());
+        log_line(pair);
         sections.insert(L"Config", std::wstring(pair.key, static_cast<size_t>(pair.key_len)),
                         std::wstring(pair.value, static_cast<size_t>(pair.value_len)));
     }

@@ -40,6 +40,19 @@ TEST(PropertyCollection, EveryLineOfTheFile) {
                        kCompleted);
 }
 
+TEST(PropertyCollection, LinesOfAnotherSystemKeepTheirCarriageReturn) {
+    const ConfigFile file("rec_ip=1\r\nword\r\n\r\n");
+    LPC::IPropertyCollection_Servant_Impl servant;
+    Lpc_MultipleSectionsHandle sections;
+    const std::string log = logged([&] { EXPECT_TRUE(servant.collectProperties(true, sections)); });
+    ASSERT_EQ(sections.size(), 2u);
+    EXPECT_EQ(flat(sections[1]), L"Config|rec_ip=1\r|word\r=word\r");
+    EXPECT_EQ(log, std::string(kCollected) +
+                       "(DEBUG) \tConfig param: rec_ip : 1\r\n"
+                       "(DEBUG) \tConfig param: word\r : word\r\n" +
+                       kCompleted);
+}
+
 TEST(PropertyCollection, AnEmptyFileHasGeneralPropertiesOnly) {
     const ConfigFile file("");
     LPC::IPropertyCollection_Servant_Impl servant;
