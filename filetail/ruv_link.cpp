@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <memory>
+#include <new>
 
 #include "config/plugin_record.h"
 #include "config/siem_config.h"
@@ -67,10 +68,13 @@ int apply_tls_options(const config *c, RUVConn *conn) {
                             narrow(c->rec_tls_key).get());
 }
 
-std::string error_text(RUVConn *conn, int code) {
+/// Says what it can: a start has nobody above it who would catch an exception.
+std::string error_text(RUVConn *conn, int code) try {
     char text[kErrorTextBytes] = "";
     RUVStrError(conn, code, text);
     return text;
+} catch (const std::bad_alloc &) {
+    return "out of memory";  // short enough to need none
 }
 
 /// Makes the handle. One whose TLS options are refused is not kept: it must never be opened with
