@@ -41,8 +41,8 @@ int RUVAlertSet_norm_sigid(void *record, uint32_t norm_sigid);   /**< versions 4
 int RUVAlertSet_event_count(void *record, uint32_t count);       /**< events behind this record */
 int RUVAlertSet_src_ipv4(void *record, uint32_t address);        /**< host byte order */
 int RUVAlertSet_dst_ipv4(void *record, uint32_t address);        /**< host byte order */
-int RUVAlertSet_src_ipv6(void *record, const uint32_t *address); /**< 16 bytes */
-int RUVAlertSet_dst_ipv6(void *record, const uint32_t *address); /**< 16 bytes */
+int RUVAlertSet_src_ipv6(void *record, const uint32_t *address); /**< network byte order */
+int RUVAlertSet_dst_ipv6(void *record, const uint32_t *address); /**< network byte order */
 int RUVAlertSet_first_time(void *record, uint32_t seconds);      /**< seconds since 1970 */
 int RUVAlertSet_last_time(void *record, uint32_t seconds);       /**< seconds since 1970 */
 int RUVAlertSet_last_time_usec(void *record, uint32_t microseconds); /**< 0 to 999999 */
@@ -93,8 +93,8 @@ int RUVFlowSet_dst_asn_geo(void *record, uint64_t asn_geo);   /**< destination A
 int RUVFlowSet_flow_count(void *record, uint32_t count); /**< flows that this record stands for */
 int RUVFlowSet_src_ipv4(void *record, uint32_t address); /**< host byte order */
 int RUVFlowSet_dst_ipv4(void *record, uint32_t address); /**< host byte order */
-int RUVFlowSet_src_ipv6(void *record, const uint32_t *address);     /**< 16 bytes */
-int RUVFlowSet_dst_ipv6(void *record, const uint32_t *address);     /**< 16 bytes */
+int RUVFlowSet_src_ipv6(void *record, const uint32_t *address);     /**< network byte order */
+int RUVFlowSet_dst_ipv6(void *record, const uint32_t *address);     /**< network byte order */
 int RUVFlowSet_first_time(void *record, uint32_t seconds);          /**< seconds since 1970 */
 int RUVFlowSet_last_time(void *record, uint32_t seconds);           /**< seconds since 1970 */
 int RUVFlowSet_last_time_usec(void *record, uint32_t microseconds); /**< 0 to 999999 */

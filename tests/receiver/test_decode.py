@@ -3,7 +3,7 @@ import random
 import struct
 
 import kit_path  # noqa: F401
-from receiver_kit import (ALERT, SYSLOG, TYPE_NAMES, WINDOWS, Body, ReceiverTest, address_words,
+from receiver_kit import (ALERT, SYSLOG, TYPE_NAMES, WINDOWS, Body, ReceiverTest, address_bytes,
                           all_bodies, bytes_of, header, main, shown, syslog)
 
 CATALOGUE = b"""[one]
@@ -88,8 +88,8 @@ class Decode(ReceiverTest):
     def check_field(self, line, name, kind, value):
         if kind in ("bin", "id", "len"):
             self.assertEqual(line[name], value)
-        elif isinstance(shown(kind, value), tuple):
-            self.assertEqual(address_words(line[name]), shown(kind, value), name)
+        elif isinstance(shown(kind, value), bytes):
+            self.assertEqual(address_bytes(line[name]), shown(kind, value), name)
         else:
             self.assertEqual(line[name], shown(kind, value), name)
 

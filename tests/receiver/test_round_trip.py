@@ -251,6 +251,7 @@ class RoundTrip(ReceiverTest):
         self.assertEqual(got[8]["dsidchanid"], got[0]["dsidchanid"])
 
     def test_ipv6_addresses(self):
+        """What was set, what the library dumps and what arrives are the same text."""
         receiver = self.receiver()
         lines = [{"type": t, "ver": v, "subver": s, "src_ipv6": "2001:db8::1",
                   "dst_ipv6": "fe80::2"}
@@ -258,9 +259,11 @@ class RoundTrip(ReceiverTest):
         path = self.folder / "lines"
         path.write_text("".join(json.dumps(line) + "\n" for line in lines))
         with open(path, "rb") as stdin:
-            status, out, _ = self.run_tool("ruv_send", "--port", receiver.port, "--json",
-                                           stdin=stdin)
+            status, out, err = self.run_tool("ruv_send", "--port", receiver.port, "--json",
+                                             "--logging", "0x10", stdin=stdin)
         self.assertEqual(status, 0, out)
+        # A Flow of version 6 sub-version 2 has no dump.
+        self.assertEqual(err.count("\tSIPv6 = 2001:db8::1\n\tDIPv6 = fe80::2\n"), 7, err)
         for line in receiver.wait("record", 8):
             name = {(6, 1): "sip", (6, 2): "sip6", (6, 3): "sip6"}.get(
                 (line["version"], line.get("subversion")), "source_address")

@@ -217,18 +217,17 @@ def shown(kind, value):
     if kind == "ip4":
         return str(ipaddress.IPv4Address(value))
     if kind in ("ip6", "either"):
-        words = struct.unpack("<4I", value)
-        if kind == "either" and words[:3] == (0, 0, 0):
-            return str(ipaddress.IPv4Address(words[3]))
-        return words
+        if kind == "either" and value[:12] == bytes(12):
+            return str(ipaddress.IPv4Address(struct.unpack("<I", value[12:])[0]))
+        return value
     if kind.startswith("hex"):
         return value.hex()
     return value
 
 
-def address_words(text):
-    """An IPv6 text as the four numbers that travelled."""
-    return struct.unpack(">4I", ipaddress.IPv6Address(text).packed)
+def address_bytes(text):
+    """An IPv6 text as the bytes that travelled."""
+    return ipaddress.IPv6Address(text).packed
 
 
 def bytes_of(line, name):

@@ -132,6 +132,18 @@ class Dissector(ReceiverTest):
         self.assertNotIn("belong to no unit", out)
         self.assertNotIn("cannot be meant", out)
 
+    def test_ipv6_addresses(self):
+        """A record's own travel as bytes, those of data sources as words; both read the same."""
+        talk = self.record([{"type": "alert", "ver": v, "subver": s, "ipv6": "2001:db8:1::9",
+                             "src_ipv6": "2001:db8::7:1", "dst_ipv6": "fe80::102:304:506:708"}
+                            for v, s in ((5, 1), (6, 1), (6, 3))])
+        out = self.tshark(self.capture(talk), "-V", "-O", "ruv")
+        for text in ("data_source: 2001:db8:1::9", "Source: 2001:db8::7:1",
+                     "destination: fe80::102:304:506:708", "sip: 2001:db8::7:1",
+                     "dip: fe80::102:304:506:708", "sip6: 2001:db8::7:1",
+                     "dip6: fe80::102:304:506:708", "Source: 2001:db8:1::9"):
+            self.assertIn(text, out)
+
     def test_custom_fields_by_their_names(self):
         path = self.capture(self.full_talk())
         rows = self.fields(path, ["ruv.row.field"], "ruv.row.field", "-E", "aggregator=;")

@@ -46,6 +46,9 @@ void describe_field(std::string &out, json_object &line, const field &f, const u
         case shape::either:
             return line.text(f.name,
                              all_zero(bytes, 12) ? ipv4_text(bytes + 12) : ipv6_text(bytes));
+        case shape::source:
+            return line.text(f.name,
+                             all_zero(bytes, 12) ? ipv4_text(bytes + 12) : source_ipv6_text(bytes));
         case shape::hex:
             return line.hex(f.name, bytes, f.size);
         case shape::numbers:
@@ -149,9 +152,13 @@ std::string ipv4_text(const uint8_t *bytes) {
 
 std::string ipv6_text(const uint8_t *bytes) {
     char text[INET6_ADDRSTRLEN];
+    return inet_ntop(AF_INET6, bytes, text, sizeof text);
+}
+
+std::string source_ipv6_text(const uint8_t *bytes) {
     uint32_t address[4];
     for (int i = 0; i < 4; i++) address[i] = htonl(wire::read32(bytes + 4 * i));
-    return inet_ntop(AF_INET6, address, text, sizeof text);
+    return ipv6_text(reinterpret_cast<const uint8_t *>(address));
 }
 
 void describe_record(std::string &out, const unit &u, const uint8_t *bytes,

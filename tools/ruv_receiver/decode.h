@@ -25,8 +25,10 @@ struct record_origin {
 void describe_record(std::string &out, const unit &u, const uint8_t *bytes,
                      const record_origin &origin);
 
-/** Address texts; `bytes` are host-order words as they travel. */
+/** Address texts. IPv4 addresses and the IPv6 addresses of data sources travel as host-order words,
+ * a record's own IPv6 addresses in network order. */
 std::string ipv4_text(const uint8_t *bytes);
 std::string ipv6_text(const uint8_t *bytes);
+std::string source_ipv6_text(const uint8_t *bytes);
 
 }  // namespace receiver

@@ -39,7 +39,7 @@ constexpr field kAlertLegacyFields[] = {
     {"rsrvd_chara", 83, 1},
     {"ipv6_dsip", 84, 12, hex, 1, 3},
     {"dsip", 96, 4, ipv4, 1, 3},
-    {"data_source_address", 84, 16, either, 1, 3},
+    {"data_source_address", 84, 16, source, 1, 3},
     {"rsvd64", 100, 8},
     {"session_id", 108, 8, number, 1, 4},
     {"norm_sigid", 116, 4, number, 1, 4},
@@ -172,7 +172,7 @@ constexpr field kFlowLegacyFields[] = {
     {"lasttime_usec", 116, 4},
     {"ipv6_dsip", 120, 12, hex},
     {"dsip", 132, 4, ipv4},
-    {"data_source_address", 120, 16, either},
+    {"data_source_address", 120, 16, source},
     {"sport", 136, 2},
     {"dport", 138, 2},
     {"vlan", 140, 2},
@@ -276,7 +276,7 @@ constexpr part kSyslogV6Parts[] = {{"message", 6, 2}};
 
 constexpr field kWindowsLegacyFields[] = {
     {"nadver", 0, 1},         {"nadtype", 1, 1},      {"win_ver", 4, 4, win_ver},
-    {"ipv6_sip", 8, 12, hex}, {"sip", 20, 4, ipv4},   {"data_source_address", 8, 16, either},
+    {"ipv6_sip", 8, 12, hex}, {"sip", 20, 4, ipv4},   {"data_source_address", 8, 16, source},
     {"eventid", 24, 4},       {"eventtype", 28, 2},   {"category", 30, 2},
     {"source_len", 32, 4},    {"create_time", 36, 4}, {"write_time", 40, 4},
     {"host_len", 44, 4},      {"usersid_len", 48, 4}, {"message_len", 52, 4},

@@ -19,8 +19,9 @@ enum class shape : uint8_t {
     number,  /**< unsigned little-endian integer, 1, 2, 4 or 8 bytes */
     mac,     /**< 6 bytes, shown as aa:bb:cc:dd:ee:ff */
     ipv4,    /**< 32-bit host-order word, shown dotted */
-    ipv6,    /**< four host-order words, shown as IPv6 text */
+    ipv6,    /**< 16 bytes in network order, shown as IPv6 text */
     either,  /**< 16 bytes: an IPv4 address in the last word, or an IPv6 address */
+    source,  /**< as `either`, but an IPv6 address is four host-order words */
     hex,     /**< bytes, shown as hexadecimal digits */
     numbers, /**< array of unsigned integers: `count` of `size / count` bytes each */
     win_ver  /**< number that also carries a Windows version */

@@ -98,7 +98,7 @@ bool responder::assign_channel(const uint8_t *body, answer *out) {
     if (kind == 1 && length == 4) {
         text = ipv4_text(data);
     } else if (kind == 2 && length == 16) {
-        text = ipv6_text(data);
+        text = source_ipv6_text(data);
     } else if (kind == 3) {
         text.assign(reinterpret_cast<const char *>(data), length);
     } else {

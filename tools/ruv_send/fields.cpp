@@ -183,10 +183,9 @@ struct caller {
     }
 
     bool operator()(ipv6_setter call) const {
-        uint32_t words[4];
-        if (inet_pton(AF_INET6, value.c_str(), words) != 1) return false;
-        for (uint32_t &word : words) word = ntohl(word);
-        *result = call(record, words);
+        uint32_t address[4];  // the bytes in network order, as the library's dump reads them
+        if (inet_pton(AF_INET6, value.c_str(), address) != 1) return false;
+        *result = call(record, address);
         return true;
     }
 

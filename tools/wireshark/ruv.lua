@@ -22,10 +22,10 @@ local CLOSE_CONN = 5
 
 -- Bodies ------------------------------------------------------------------------------------
 
--- Kinds: B H I Q unsigned integers of 1, 2, 4 and 8 bytes; M a MAC address; A an IPv4 word; X four
--- IPv6 words; E four words that are an IPv4 address when the first three are zero; p bytes; bin,
--- id and len the columns of the custom-field rows.
-local SIZES = {B = 1, H = 2, I = 4, Q = 8, M = 6, A = 4, X = 16, E = 16}
+-- Kinds: B H I Q unsigned integers of 1, 2, 4 and 8 bytes; M a MAC address; A an IPv4 word; X the
+-- 16 bytes of an IPv6 address; E the same, or an IPv4 word behind twelve zeros; D a data source, as
+-- E, but four IPv6 words; p bytes; bin, id and len the columns of the custom-field rows.
+local SIZES = {B = 1, H = 2, I = 4, Q = 8, M = 6, A = 4, X = 16, E = 16, D = 16}
 local COLUMNS = {bin = 8, id = 2, len = 1}
 
 local function body(name, spec, parts, rows)
@@ -47,7 +47,7 @@ local ALERT_LEGACY = "severity B, action B, protocol B, dst_mac M, src_mac M, fl
     "message_len B, vlan H, src_port H, dst_port H, source E, destination E, sig_id I, " ..
     "firsttime I, lasttime I, lasttime_usec I, eventcount I, packet_len H, src_usrname_len B, " ..
     "dst_usrname_len B, appname_len B, hostname_len B, domainname_len B, rsrvd_chara B, " ..
-    "data_source E, rsvd64 Q, session_id Q, norm_sigid I, sequence H, trusted B, " ..
+    "data_source D, rsvd64 Q, session_id Q, norm_sigid I, sequence H, trusted B, " ..
     "sig_generator B, commandname_len B, objectname_len B, rsrvd_charb H"
 local ALERT_V2 = "session_id Q, userdatabin bin, src_mac M, dst_mac M, sigid I, norm_sigid I, " ..
     "evntcnt I, sip6 X, dip6 X, sip4 A, dip4 A, ftime I, ltime I, ltime_usec I, sport H, " ..
@@ -71,10 +71,10 @@ local LEGACY = {
     [4] = body("RUVv5_Flow_t", "nadver B, nadtype B, pad p2, destbytes Q, sourcebytes Q, " ..
         "destpackets Q, sourcepackets Q, destasngeo Q, sourceasngeo Q, dst_mac M, src_mac M, " ..
         "source E, destination E, duration I, duration_usec I, count I, firsttime I, " ..
-        "lasttime I, lasttime_usec I, data_source E, " .. PORTS .. "protocol B, dir B"),
+        "lasttime I, lasttime_usec I, data_source D, " .. PORTS .. "protocol B, dir B"),
     [5] = body("RUVv5_Syslog_t", "nadver B, nadtype B, body_third_party_type H, ipv4_src A, " ..
         "message_len I", {"message"}),
-    [1] = body("RUVv5_WinEvntLog_t", "nadver B, nadtype B, win_ver I, data_source E, eventid I, " ..
+    [1] = body("RUVv5_WinEvntLog_t", "nadver B, nadtype B, win_ver I, data_source D, eventid I, " ..
         "eventtype H, category H, source_len I, create_time I, write_time I, host_len I, " ..
         "usersid_len I, message_len I, strings_len I, data_len I",
         {"source", "host", "usersid", "message", "strings", "data"})}
@@ -146,7 +146,8 @@ define("skipped", ProtoField.bytes, "Skipped bytes")
 
 local MAKERS = {B = ProtoField.uint8, H = ProtoField.uint16, I = ProtoField.uint32,
                 Q = ProtoField.uint64, M = ProtoField.ether, A = ProtoField.string,
-                X = ProtoField.string, E = ProtoField.string, p = ProtoField.bytes}
+                X = ProtoField.string, E = ProtoField.string, D = ProtoField.string,
+                p = ProtoField.bytes}
 
 local function define_body(one)
     for _, field in ipairs(one.fields) do
@@ -186,12 +187,15 @@ local function ipv4_text(tvb, at)
                          b:get_index(0))
 end
 
--- The four words are in host order each; the longest run of zero groups is abbreviated.
-local function ipv6_text(tvb, at)
+-- A record's own addresses are in network order, those of data sources four words in host order
+-- each; the longest run of zero groups is abbreviated.
+local function ipv6_text(tvb, at, words)
     local groups, best, best_at, run = {}, 1, nil, 0
-    for word = 0, 3 do
-        groups[2 * word + 1] = tvb(at + 4 * word + 2, 2):le_uint()
-        groups[2 * word + 2] = tvb(at + 4 * word, 2):le_uint()
+    for i = 1, 8 do
+        local group = at + 2 * (i - 1)
+        -- the halves of a word stand the other way round
+        groups[i] = words and tvb(group + (i % 2 == 1 and 2 or -2), 2):le_uint() or
+            tvb(group, 2):uint()
     end
     for i = 1, 8 do
         run = groups[i] == 0 and run + 1 or 0
@@ -211,8 +215,8 @@ end
 
 local function address_text(tvb, at, kind)
     if kind == "A" then return ipv4_text(tvb, at) end
-    if kind == "E" and tvb:raw(at, 12) == ("\0"):rep(12) then return ipv4_text(tvb, at + 12) end
-    return ipv6_text(tvb, at)
+    if kind ~= "X" and tvb:raw(at, 12) == ("\0"):rep(12) then return ipv4_text(tvb, at + 12) end
+    return ipv6_text(tvb, at, kind == "D")
 end
 
 -- Catalogue ---------------------------------------------------------------------------------
@@ -485,7 +489,7 @@ local function add_request(tree, tvb, pinfo, at, unit, conv)
         if kind == 1 and length == 4 then
             tree:add(F.source, tvb(at + 20, 4), ipv4_text(tvb, at + 20))
         elseif kind == 2 and length == 16 then
-            tree:add(F.source, tvb(at + 20, 16), ipv6_text(tvb, at + 20))
+            tree:add(F.source, tvb(at + 20, 16), ipv6_text(tvb, at + 20, true))
         elseif length > 0 then
             tree:add(F.source, tvb(at + 20, length))
         end
