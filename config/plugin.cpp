@@ -157,7 +157,8 @@ plugin *open_section(const key_value_pair *pair, config *conf) {
     return p;
 }
 
-// Starts the open plugin, if any, and moves it into the list.
+// Starts the open plugin, if any, and moves it into the list. A section that a stop has cut short
+// is neither started nor blamed for what was not read of it.
 void close_section(plugin *p, config *conf) {
     if (!p) return;
     const size_t size = (static_cast<size_t>(conf->p_count) + 1) * sizeof(plugin *);
@@ -169,7 +170,9 @@ void close_section(plugin *p, config *conf) {
         return;
     }
     conf->p_list = list;
-    plugin_init(p, conf->bm_dir, static_cast<int8_t>(conf->connected.load()));
+    if (is_running()) {
+        plugin_init(p, conf->bm_dir, static_cast<int8_t>(conf->connected.load()));
+    }
     conf->p_list[conf->p_count++] = p;
 }
 

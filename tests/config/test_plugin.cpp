@@ -184,6 +184,15 @@ TEST_F(Registry, AStopEndsTheConfiguration) {
     EXPECT_THAT(fake_events(), ElementsAre());
 }
 
+TEST_F(Registry, ASectionThatAStopCutsShortIsNotBlamed) {
+    const std::string lines =
+        "type=filetail\nft_dir=/stops\nft_filter=*\nft_delim=<newline>\n" + std::string(kSection);
+    EXPECT_EQ(log_of(lines), "");
+    configure(lines);
+    EXPECT_EQ(found.p_count, 2);
+    EXPECT_THAT(fake_events(), ElementsAre("init /stops/"));
+}
+
 TEST_F(Registry, Switches) {
     const struct {
         const char *value;
