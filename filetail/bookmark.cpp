@@ -292,7 +292,10 @@ int update_bookmark_fd(int fd, fdesc *bm) {
 
 int update_bookmark_at(int fd, fdesc *bm, uint64_t position) {
     struct stat st;
-    bm->h = head_checksum(fd);
+    if (!read_head_checksum(fd, &bm->h)) {
+        bm->unsaved = 1;
+        return -1;
+    }
     // The path may lead to the next file already; a tail that is to prove something must be that of
     // the file that was read.
     const bool known = g_follow.load(std::memory_order_relaxed) ? fstat(fd, &st) == 0

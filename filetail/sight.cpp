@@ -35,17 +35,20 @@ ssize_t plain_pread(int fd, char *bytes, size_t size, off_t offset) {
 #endif
 }
 
-size_t read_block(int fd, char block[kHeadBytes], uint64_t offset) {
+// Returns how many bytes there are, or -1 with errno; missing ones become zeros.
+ssize_t read_block(int fd, char block[kHeadBytes], uint64_t offset) {
     size_t done = 0;
+    bool failed = false;
     while (done < kHeadBytes) {
         const ssize_t got =
             plain_pread(fd, block + done, kHeadBytes - done, static_cast<off_t>(offset + done));
         if (got < 0 && errno == EINTR) continue;
+        failed = got < 0;
         if (got <= 0) break;
         done += static_cast<size_t>(got);
     }
     std::memset(block + done, 0, kHeadBytes - done);
-    return done;
+    return failed ? -1 : static_cast<ssize_t>(done);
 }
 
 uint32_t checksum_at(int fd, uint64_t offset) {
@@ -58,9 +61,10 @@ int open_checked(const char *path, int more_flags) {
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | more_flags);
     if (fd < 0) return -1;
     struct stat st;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) return fd;
+    const int reason = fstat(fd, &st) == 0 ? ENODEV : errno;
+    if (reason == ENODEV && S_ISREG(st.st_mode)) return fd;
     close(fd);
-    errno = ENODEV;
+    errno = reason;
     return -1;
 }
 
@@ -95,6 +99,13 @@ uint32_t head_checksum(int fd) {
     return checksum_at(fd, 0);
 }
 
+bool read_head_checksum(int fd, uint32_t *checksum) {
+    char block[kHeadBytes];
+    if (read_block(fd, block, 0) < 0) return false;
+    *checksum = computeChecksum(block);
+    return true;
+}
+
 uint32_t tail_checksum(int fd, uint64_t size, uint64_t position) {
     if (size == 0) return checksum_at(fd, 0);
     // Kept: a file too short for the range is read where a stream would stand whose seek failed.
@@ -110,7 +121,8 @@ int open_renamed(const char *path) {
 }
 
 size_t read_head(int fd, char block[kHeadBytes]) {
-    return read_block(fd, block, 0);
+    const ssize_t size = read_block(fd, block, 0);
+    return size < 0 ? 0 : static_cast<size_t>(size);
 }
 
 sight_result look_at(fdesc *file, bool same_only) {
@@ -122,7 +134,8 @@ sight_result look_at(fdesc *file, bool same_only) {
         if (file->settled && is_as_seen(file->sight, st)) return sight_result::kSeen;
     }
     const owned_descriptor fd(file->drain ? open_renamed(path) : open_regular(path));
-    if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
+    uint32_t head = 0;
+    if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !read_head_checksum(fd.get(), &head)) {
         file->settled = 0;
         if (errno != ENOENT && errno != ENODEV) return sight_result::kUnknown;
         return same_only ? sight_result::kOther : sight_result::kMissing;
@@ -130,7 +143,7 @@ sight_result look_at(fdesc *file, bool same_only) {
     if (same_only && !is_inode(st, file->sight)) return sight_result::kOther;
     take_identity(&file->sight, st);
     file->settled = is_settled(file->sight);
-    file->sight.head = head_checksum(fd.get());
+    file->sight.head = head;
     file->sight.tail = tail_checksum(fd.get(), file->sight.size, 0);
     return sight_result::kSeen;
 }

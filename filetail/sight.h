@@ -16,6 +16,10 @@ inline constexpr uint64_t kHeadBytes = 256;  ///< bytes that a checksum covers
 /// Checksum of the first 256 bytes; missing ones count as zeros.
 uint32_t head_checksum(int fd);
 
+/// The same; false with errno, and nothing stored, when the file cannot be read. A broken disk must
+/// not make another file of it.
+bool read_head_checksum(int fd, uint32_t *checksum);
+
 /// Checksum of the 256 bytes that start 257 before `size`. A file too short for that is read from
 /// `position`, where a stream would stand that cannot seek there.
 uint32_t tail_checksum(int fd, uint64_t size, uint64_t position);
@@ -43,6 +47,6 @@ enum class sight_result { kSeen, kMissing, kUnknown, kOther };
 
 /// Looks at tail_path(file) and fills its `sight`; a file that has not changed since it was last
 /// looked at is not read again. kMissing: there is no such regular file; kUnknown: it could not be
-/// opened just now, errno says why. With `same_only` a path that no longer leads to the file that
+/// opened or read just now, errno says why. With `same_only` a path that no longer leads to the file that
 /// was looked at before is kOther, and `sight` stays.
 sight_result look_at(fdesc *file, bool same_only);

@@ -1,10 +1,14 @@
-// The open bookmark file when a call of the system fails, every one in its turn: the operation says
-// so, nothing but whole records is left in the file, and the next operation does what it should.
+// The bookmark file and a tailed one when a call of the system fails, every one in its turn: the
+// operation says so, nothing but whole records is left in the file, no position is forgotten, and
+// the next operation does what it should.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +16,7 @@
 #include <functional>
 #include <string>
 
+#include "filetail/bookmark.h"
 #include "filetail/bookmark_file.h"
 
 namespace {
@@ -52,6 +57,15 @@ ssize_t __real_pwrite(int fd, const void *bytes, size_t size, off_t offset);
 ssize_t __wrap_pwrite(int fd, const void *bytes, size_t size, off_t offset) {
     if (!strikes()) return __real_pwrite(fd, bytes, size, offset);
     return half ? __real_pwrite(fd, bytes, size / 2, offset) : -1;
+}
+long __real_syscall(long number, ...);
+long __wrap_syscall(long number, ...) {
+    va_list rest;
+    va_start(rest, number);
+    const long a = va_arg(rest, long), b = va_arg(rest, long), c = va_arg(rest, long),
+               d = va_arg(rest, long);
+    va_end(rest);
+    return number == SYS_pread64 && strikes() ? -1 : __real_syscall(number, a, b, c, d);
 }
 int __real_ftruncate(int fd, off_t size);
 int __wrap_ftruncate(int fd, off_t size) {
@@ -219,6 +233,82 @@ TEST_F(FailingCalls, ARecordThatWasCutWhileItIsMovedIsReported) {
     EXPECT_EQ(bookmark_file_remove(&file, &hit), -1);
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(location("a"), 10u);
+}
+
+// A tailed file whose record says 500 of its 1000 bytes.
+class FailingLook : public FailingCalls {
+  protected:
+    void SetUp() override {
+        FailingCalls::SetUp();
+        name = folder + "/a";
+        FILE *out = fopen(name.c_str(), "w");
+        ASSERT_NE(out, nullptr);
+        for (int i = 0; i < 100; ++i) fprintf(out, "%09d\n", i);
+        fclose(out);
+        const std::wstring wide(folder.begin(), folder.end());
+        bookmark_set_directory(wide.c_str());
+        tailed = known(500);
+        ASSERT_EQ(update(), 0);
+    }
+    void TearDown() override {
+        countdown = 0;
+        bookmark_teardown();
+        FailingCalls::TearDown();
+    }
+    fdesc known(uint64_t location) {
+        fdesc bm = {};
+        bm.n = name.data();
+        bm.l = location;
+        return bm;
+    }
+    int update() {
+        const int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC);
+        const int result = update_bookmark_at(fd, &tailed, 0);
+        close(fd);
+        return result;
+    }
+    std::string name;
+    fdesc tailed = {};
+};
+
+TEST_F(FailingLook, ForgetsNoPosition) {
+    for (const int reason : {EIO, ENOMEM, ESTALE}) {
+        for (int k = 1; k < 100; ++k) {
+            bookmark_teardown();
+            fdesc fresh = known(0);
+            error = reason;
+            struck = false;
+            countdown = k;
+            const int found = get_bookmark(&fresh);
+            countdown = 0;
+            EXPECT_NE(found, 0) << "call " << k << ": there is a record";
+            if (found == 1) EXPECT_EQ(fresh.l, 500u) << "call " << k;
+            if (struck) continue;
+            EXPECT_GT(k, 4);
+            break;
+        }
+    }
+    EXPECT_FALSE(struck);
+}
+
+TEST_F(FailingLook, AFailedUpdateCountsInMemory) {
+    tailed.l = 600;
+    for (int k = 1; k < 100; ++k) {
+        error = EIO;
+        struck = false;
+        countdown = k;
+        const int result = update();
+        countdown = 0;
+        const fdesc before = tailed;
+        EXPECT_EQ(get_bookmark(&tailed), 1) << "call " << k;
+        EXPECT_EQ(tailed.l, 600u) << "call " << k;
+        EXPECT_EQ(before.unsaved, result != 0) << "call " << k;
+        if (struck) continue;
+        EXPECT_EQ(result, 0);
+        EXPECT_GT(k, 1);
+        break;
+    }
+    EXPECT_FALSE(struck);
 }
 
 }  // namespace
