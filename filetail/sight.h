@@ -47,6 +47,6 @@ enum class sight_result { kSeen, kMissing, kUnknown, kOther };
 
 /// Looks at tail_path(file) and fills its `sight`; a file that has not changed since it was last
 /// looked at is not read again. kMissing: there is no such regular file; kUnknown: it could not be
-/// opened or read just now, errno says why. With `same_only` a path that no longer leads to the file that
-/// was looked at before is kOther, and `sight` stays.
+/// opened or read just now, errno says why. With `same_only` a path that no longer leads to the
+/// file that was looked at before is kOther, and `sight` stays.
 sight_result look_at(fdesc *file, bool same_only);
