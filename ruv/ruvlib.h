@@ -89,7 +89,8 @@ int RUVPrintConn(RUVConn *conn);
 /** Has `stopping(arg)` asked at least four times a second during every wait on this handle; a
  * non-zero answer ends the waiting call with error 3, errno (and #ruverrno2) EINTR, and the
  * connection is then to be closed. NULL for `stopping` removes it. With NULL for `conn` it is set
- * for the calling thread's later RUVAllocConn() calls, whose handles inherit it.
+ * for the calling thread's later RUVAllocConn() calls, whose handles inherit it; the resolver then
+ * has a thread of its own, which an ended call leaves behind until the resolver gives up.
  * @return 0 */
 int RUVSetInterrupt(RUVConn *conn, int (*stopping)(void *arg), void *arg);
 

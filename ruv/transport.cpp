@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "ruv/error.h"
+#include "ruv/resolve.h"
 #include "ruv/trace.h"
 #include "ruv/transport_tls.h"
 #include "ruv/wait.h"
@@ -202,7 +203,8 @@ int libruv_resolve(RUVConn *conn) {
     hints.ai_socktype = SOCK_STREAM;
     return try_repeatedly(conn, [&] {
         addrinfo *list = nullptr;
-        const int code = ruv::os.resolve(conn->host, nullptr, &hints, &list);
+        int code = 0;
+        if (!ruv::resolve(conn, hints, &code, &list)) return fail_system(EINTR), outcome::failed;
         if (code == EAI_AGAIN) return outcome::again;
         if (code != 0) return fail(10, code), outcome::failed;
         keep_address(conn, list);

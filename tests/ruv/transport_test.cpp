@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <netinet/tcp.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -277,13 +278,15 @@ TEST(Peer, AnEndBehindUnreadBytesIsNoticed) {
 
 // ---- Resolver and connect, with their calls replaced.
 
-int g_resolves, g_connects, g_sleeps, g_slept_ms;
+std::atomic<int> g_resolves;
+int g_connects, g_sleeps, g_slept_ms;
 int64_t g_clock_ms;
 int64_t g_call_ms;  // how long a replaced call pretends to take
 
 struct fake_os : os_guard {
     fake_os() {
-        g_resolves = g_connects = g_sleeps = g_slept_ms = 0;
+        g_connects = g_sleeps = g_slept_ms = 0;
+        g_resolves = 0;
         g_clock_ms = 1'000;
         g_call_ms = 0;
         ruv::os.sleep_ms = [](int milliseconds) {
@@ -334,16 +337,72 @@ TEST(Resolve, AnyOtherFailureEndsItAtOnce) {
     EXPECT_EQ(g_sleeps, 0);
 }
 
+int stop_after_a_try(void *) {
+    return g_resolves > 0;
+}
+
 TEST(Resolve, AnInterruptOfTheThreadEndsThePause) {
     const fake_os os;
     ruv::os.resolve = resolve_with<EAI_AGAIN>;
-    EXPECT_EQ(RUVSetInterrupt(nullptr, stop_at_once, nullptr), 0);
+    EXPECT_EQ(RUVSetInterrupt(nullptr, stop_after_a_try, nullptr), 0);
     clear_error();
     EXPECT_EQ(RUVAllocConn("host", 1, 0, 0, 0), nullptr);
     EXPECT_EQ(RUVSetInterrupt(nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(ruverrno, 3);
     EXPECT_EQ(ruverrno2, EINTR);
     EXPECT_EQ(g_resolves, 1);
+}
+
+// A resolver that is silent until it is let go. What it then says is nobody's.
+std::atomic<bool> g_asked, g_let_go, g_answered, g_quiet;
+
+int resolve_late(const char *, const char *, const addrinfo *hints, addrinfo **list) {
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    g_quiet = sigismember(&blocked, SIGTERM) && sigismember(&blocked, SIGINT);
+    g_asked = true;
+    while (!g_let_go) usleep(1'000);
+    const int code = getaddrinfo("127.0.0.1", nullptr, hints, list);
+    g_answered = true;
+    return code;
+}
+
+int stop_when_asked(void *) {
+    return g_asked;
+}
+
+TEST(Resolve, AnInterruptEndsTheWaitForASilentResolver) {
+    const os_guard guard;
+    g_asked = g_let_go = g_answered = g_quiet = false;
+    ruv::os.resolve = resolve_late;
+    EXPECT_EQ(RUVSetInterrupt(nullptr, stop_when_asked, nullptr), 0);
+    clear_error();
+    EXPECT_EQ(RUVAllocConn("host", 1, 0, 0, 0), nullptr);
+    EXPECT_EQ(RUVSetInterrupt(nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(ruverrno, 3);
+    EXPECT_EQ(ruverrno2, EINTR);
+    EXPECT_FALSE(g_answered);
+    EXPECT_TRUE(g_quiet);
+    g_let_go = true;
+    for (int i = 0; i < 3000 && !g_answered; ++i) usleep(10'000);
+    EXPECT_TRUE(g_answered);
+}
+
+int never_stop(void *) {
+    return 0;
+}
+
+TEST(Resolve, AnAnswerIsWaitedForWhereNobodyInterrupts) {
+    const os_guard guard;
+    g_asked = g_answered = false;
+    g_let_go = true;
+    ruv::os.resolve = resolve_late;
+    EXPECT_EQ(RUVSetInterrupt(nullptr, never_stop, nullptr), 0);
+    const conn_ptr conn(RUVAllocConn("host", 7, 1, 0, 0));
+    EXPECT_EQ(RUVSetInterrupt(nullptr, nullptr, nullptr), 0);
+    ASSERT_NE(conn, nullptr);
+    const auto *address = reinterpret_cast<const sockaddr_in *>(&conn->conn_ai_addr);
+    EXPECT_EQ(ntohl(address->sin_addr.s_addr), 0x7F000001u);
 }
 
 addrinfo g_hints;
