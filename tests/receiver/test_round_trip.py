@@ -271,6 +271,23 @@ class RoundTrip(ReceiverTest):
             if name == "sip6":
                 self.assertEqual((line["sip4"], line["dip6"]), ("0.0.0.0", "fe80::2"))
 
+    def test_third_party_type_is_that_of_its_line(self):
+        """The library's reset keeps the type; a line without one has none all the same."""
+        receiver = self.receiver()
+        kinds = [("alert", 6, 2), ("syslog", 5, 1), ("syslog", 6, 2)]
+        lines = [{"type": t, "ver": v, "subver": s, **extra,
+                  **({"severity": 1} if t == "alert" else {"message": "m"})}
+                 for extra in ({}, {"3rd_party_type": 9000}, {}, {"3rd_party_type": 7}, {})
+                 for t, v, s in kinds]
+        path = self.folder / "lines"
+        path.write_text("".join(json.dumps(line) + "\n" for line in lines))
+        with open(path, "rb") as stdin:
+            status, out, _ = self.run_tool("ruv_send", "--port", receiver.port, "--json",
+                                           stdin=stdin)
+        self.assertEqual(status, 0, out)
+        self.assertEqual([line["third_party_type"] for line in receiver.wait("record", 15)],
+                         [0] * 3 + [9000] * 3 + [0] * 3 + [7] * 3 + [0] * 3)
+
     def test_custom_fields(self):
         """Every type of custom field arrives under its name with its value."""
         types = [("string", "text \u20ac"), ("boolean", 1), ("int8", -7), ("uint8", 200),

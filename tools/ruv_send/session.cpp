@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "tools/common/json_writer.h"
@@ -18,6 +19,11 @@ void print(const std::string &line) {
 
 const char *or_null(const std::string &text) {
     return text.empty() ? nullptr : text.c_str();
+}
+
+bool sets_third_party(const job &wanted) {
+    return std::ranges::any_of(
+        wanted.fields, [](const field_value &field) { return field.name == "3rd_party_type"; });
 }
 
 }  // namespace
@@ -103,11 +109,19 @@ bool session::ask() {
 }
 
 void *session::record_for(const job &wanted) {
-    void *&record = records_[{wanted.type, wanted.version, wanted.subversion}];
+    const record_key key = {wanted.type, wanted.version, wanted.subversion};
+    void *&record = records_[key];
+    // A reset keeps the third-party type, which belongs to the one event that it was given with.
+    if (third_party_.erase(key) != 0) {
+        RUVFreeData(record);
+        record = nullptr;
+    }
+    if (sets_third_party(wanted)) third_party_.insert(key);
     if (record == nullptr)
         record = RUVAllocData(conn_, wanted.type, wanted.version, wanted.subversion);
     if (record != nullptr) return record;
-    records_.erase({wanted.type, wanted.version, wanted.subversion});
+    records_.erase(key);
+    third_party_.erase(key);
     report("RUVAllocData", -1);
     return nullptr;
 }

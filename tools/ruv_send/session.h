@@ -7,6 +7,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -48,6 +49,8 @@ class session {
     int summarise(double seconds);
 
   private:
+    using record_key = std::tuple<int, int, int>; /**< type, version, sub-version */
+
     bool report(const char *call, int result, bool always = true);
     bool ask();
     bool confirm_group();
@@ -58,7 +61,8 @@ class session {
 
     const settings &chosen_;
     RUVConn *conn_ = nullptr;
-    std::map<std::tuple<int, int, int>, void *> records_;
+    std::map<record_key, void *> records_;
+    std::set<record_key> third_party_; /**< whose record holds a third-party type */
     std::map<std::pair<int, std::string>, RUVDSInfo *> sources_;
     int64_t in_group_ = 0;
     uint64_t sent_ = 0, failed_ = 0, bytes_ = 0;
