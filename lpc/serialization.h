@@ -30,9 +30,10 @@ class ISerializationFactory {
     virtual void destroyIarchive(boost::archive::polymorphic_iarchive *&archive) = 0;
 };
 
-/// Wide text archives, Boost's own format with its header, so that both sides may use different
-/// releases of Boost. An archive that is read never takes more memory than it has input: a text
-/// longer than the rest of the stream is refused before room is made for it.
+/// Wide text archives, Boost's own format with its header. Boost reads the archives of its own and
+/// of older releases and refuses those of newer ones. An archive that is read never takes more
+/// memory than it has input: a text longer than the rest of the stream is refused before room is
+/// made for it.
 class SerializationFactory : public ISerializationFactory {
   public:
     static constexpr unsigned short kVersion = 1;

@@ -139,6 +139,28 @@ TEST(Parameter, OnlyAReturnValueIsAResult) {
     EXPECT_EQ(value, 7);
 }
 
+// The value that this end decodes from an archive of a Boost `newer` versions away from its own.
+int of_another_release(int newer) {
+    const ParameterRef own(new Parameter(5, ptArgument));
+    const std::string bytes = encoded(own.operator->());
+    std::wstring text(reinterpret_cast<const wchar_t *>(bytes.data()), bytes.size() / 4);
+    const size_t at = text.find(L"archive ") + 8, end = text.find(L' ', at);
+    text.replace(at, end - at, std::to_wstring(std::stoi(text.substr(at, end - at)) + newer));
+    const ParameterRef received(new Parameter(text.data(), text.size() * 4));
+    int value = 0;
+    received->get(value);
+    return value;
+}
+
+TEST(Parameter, ArchivesOfOlderReleasesAreReadAndNewerOnesRefused) {
+    EXPECT_EQ(of_another_release(0), 5);
+    EXPECT_EQ(of_another_release(-1), 5);
+    EXPECT_EQ(of_another_release(-6), 5);
+    LogCapture log;
+    EXPECT_THROW(of_another_release(1), SerializationError);
+    EXPECT_TRUE(log.has(kErrorLine, L"unsupported version"));
+}
+
 TEST(Parameter, LivesUntilItsLastReference) {
     auto *parameter = new Parameter(1, ptArgument);
     parameter->addRef();
