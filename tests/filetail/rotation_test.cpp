@@ -327,6 +327,24 @@ TEST_F(RotationTest, SmallFileThatGrewBeforeItWasRenamed) {
     EXPECT_EQ(received, "one\ntwo\nthree\n");
 }
 
+// Nothing of it was read, so that nothing tells what it was: its name is all that is left of it.
+TEST_F(RotationTest, WholeFileBetweenTwoRotationsIsNotSent) {
+    for (const bool seen_empty : {false, true}) {
+        SCOPED_TRACE(seen_empty);
+        received.clear();
+        rename_to(seen_empty ? "a.log.3" : "a.log.1");
+        write_file(path, "");
+        for (int i = 0; seen_empty && i < 3; ++i) pass();
+        append_file(path, "in between\n");
+        rename_to(seen_empty ? "a.log.4" : "a.log.2");
+        write_file(path, fresh);
+        for (int i = 0; i < 4; ++i) pass();
+        EXPECT_EQ(received, rest + fresh);
+        EXPECT_EQ(file->drain, nullptr);
+        append_file(path, rest);
+    }
+}
+
 // Renamed and made anew between the scan and the reading: the position belongs to the old file.
 TEST_F(RotationTest, FileReplacedAfterTheScanIsNotReadFromTheMiddle) {
     owner.ft.ft_delim = const_cast<wchar_t *>(L"<newline>");
