@@ -163,6 +163,28 @@ TEST_F(SiemConfig, OptInKeysFillTheirFields) {
     EXPECT_EQ(found.wake_on_change, 1);
 }
 
+TEST_F(SiemConfig, OptInKeysAreComparedWhole) {
+    const std::string value = "=1.2";  // a number and a text that each of them would take
+    for (const std::string key :
+         {"rec_confirm", "rec_tls_min", "rec_tls_ca", "rec_tls_name", "rec_tls_cert", "rec_tls_key",
+          "reconnect_wait", "small_file_guard", "rotation_drain", "wake_on_change"}) {
+        std::string upper = key;
+        for (char &c : upper) c = static_cast<char>(toupper(c));
+        for (const std::string &other :
+             {key.substr(0, key.size() - 1), key + "s", key + " ", " " + key, upper}) {
+            init(other + value + "\n");
+            const int32_t numbers = found.rec_confirm | found.reconnect_wait |
+                                    found.small_file_guard | found.rotation_drain |
+                                    found.wake_on_change;
+            EXPECT_EQ(numbers, 0) << other;
+            for (const wchar_t *text : {found.rec_tls_min, found.rec_tls_ca, found.rec_tls_name,
+                                        found.rec_tls_cert, found.rec_tls_key}) {
+                EXPECT_EQ(text, nullptr) << other;
+            }
+        }
+    }
+}
+
 TEST_F(SiemConfig, OptInNumbersOutOfRangeAreReportedAndHarmless) {
     const struct {
         const char *line;

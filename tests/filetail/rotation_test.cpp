@@ -61,6 +61,27 @@ TEST_F(RotationTest, RestOfARenamedFileComesFirst) {
     EXPECT_EQ(image().substr(0, 15), record(fresh.size(), 0, 0, "").substr(0, 15));
 }
 
+// A deleted file whose descriptor somebody holds keeps its room on the disk.
+TEST_F(RotationTest, NoDescriptorIsHeldBetweenPasses) {
+    const auto is_held = [&] {
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone;
+            const std::string name = std::filesystem::read_symlink(entry.path(), gone).string();
+            if (name.starts_with(logs + "a.log")) return true;
+        }
+        return false;
+    };
+    EXPECT_FALSE(is_held());
+    rename_to("a.log.1");
+    update_file_list(group);
+    ASSERT_NE(file->drain, nullptr);
+    EXPECT_FALSE(is_held());
+    read_all(0);
+    EXPECT_EQ(received, old_text + rest);
+    ASSERT_NE(file->drain, nullptr);
+    EXPECT_FALSE(is_held());
+}
+
 TEST_F(RotationTest, BookmarkOfTheRestStandsUnderTheOldName) {
     rename_to("a.log.1");
     write_file(path, fresh);
