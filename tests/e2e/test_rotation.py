@@ -9,7 +9,6 @@ import os
 import shutil
 import signal
 import subprocess
-from pathlib import Path
 
 import kit_path  # noqa: F401
 from daemon_kit import BUILD, DaemonTest, main, wait_for
@@ -29,10 +28,7 @@ class Rotation(DaemonTest):
 
     def held(self):
         """Between this and go_on() the daemon sees nothing."""
-        self.daemon.send(signal.SIGSTOP)
-        states = Path(f"/proc/{self.daemon.pid}/task").glob("*/stat")
-        for path in states:
-            wait_for(lambda p=path: p.read_text().rpartition(") ")[2][0] == "T", "a held thread")
+        self.daemon.hold()
 
     def go_on(self):
         self.daemon.send(signal.SIGCONT)

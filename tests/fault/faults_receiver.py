@@ -1,5 +1,6 @@
 """Receivers that refuse, fall silent, lie, reset, stall and die."""
 import signal
+import time
 
 from lab import Writer, wait_for
 
@@ -8,6 +9,7 @@ GROUP = 100
 
 def faulty_at_first(lab, options=(), faulty=2, settings=None, events=4000):
     """The first connections meet the fault, later ones do not: everything must arrive."""
+    faulty = lab.figures["faulty"] = lab.figures.get("cycles", faulty)
     lab.listen(*options, "--accept-faulty", faulty)
     lab.configure(lab.port, debug_level="info", **(settings or {}))
     source = lab.source()
@@ -59,7 +61,22 @@ def refused_then_up(lab, settings=None):
 
 
 def groups_at_risk(figures):
-    return figures.get("faulty", 2) * GROUP
+    return figures["faulty"] * GROUP
+
+
+def useless_then_gone(lab, options, settings=None):
+    """One that is up and of no use is waited for; when it is gone, the next one gets everything."""
+    lab.listen(*options)
+    lab.configure(lab.port, debug_level="info", **(settings or {}))
+    source = lab.source()
+    source.append(500)
+    daemon = lab.run_daemon()
+    daemon.wait_log("Attempting connection")
+    time.sleep(1 + lab.rng.random())
+    lab.receivers[-1].stop(signal.SIGKILL)
+    lab.listen()
+    lab.wait_last()
+    lab.timed_stop(daemon)
 
 
 CONFIRM = {"rec_confirm": GROUP}
@@ -79,6 +96,8 @@ FAULTS = {
     "negative_count": (("--hostile-count", -1), 0),
     "hostile_size": (("--catalogue", "/dev/null", "--hostile-size", 2147483647), 0),
     "slow_answers": (("--delay", 50), 0),
+    "silent_probe": (("--silent", "NOP"), 0),
+    "slow_reader": (("--slow", 200000), 0),
 }
 
 ROWS = [{"name": f"receiver.{name}", "run": faulty_at_first, "arguments": {"options": options},
@@ -89,6 +108,13 @@ ROWS += [{"name": f"receiver.confirm.{name}", "run": faulty_at_first,
           "repeated": groups_at_risk}
          for name, (options, _) in FAULTS.items()]
 ROWS += [
+    # Without groups a send waits for as long as the Receiver stalls.
+    {"name": "receiver.confirm.stall_after_150", "run": faulty_at_first, "repeated": groups_at_risk,
+     "arguments": {"options": ("--stall-after", 150), "settings": CONFIRM}},
+    {"name": "receiver.confirm.stall_after_150_tls", "run": faulty_at_first,
+     "repeated": groups_at_risk,
+     "arguments": {"options": ("--tls", "always", "--stall-after", 150),
+                   "settings": {"rec_encrypt": 1, "rec_confirm": GROUP}}},
     {"name": "receiver.down_at_start", "run": refused_then_up},
     {"name": "receiver.confirm.down_at_start", "run": refused_then_up,
      "arguments": {"settings": CONFIRM}},
@@ -111,3 +137,10 @@ ROWS += [
      "arguments": {"options": ("--tls", "always", "--reset-after", 200),
                    "settings": {"rec_encrypt": 1, "rec_confirm": GROUP}}},
 ]
+for name, options in (("silent", ("--silent", "NOP")), ("slow", ("--slow", 1)),
+                      ("silent_versions", ("--silent", "ReqDataVers"))):
+    for kind, settings in (("", {}), ("confirm.", CONFIRM)):
+        if name == "slow" and not settings:
+            continue  # what its kernel has taken goes with it, and nothing is left to come
+        ROWS.append({"name": f"receiver.{kind}{name}_then_gone", "run": useless_then_gone,
+                     "arguments": {"options": options, "settings": settings}})

@@ -4,6 +4,7 @@ import socket
 import threading
 import time
 
+import network
 from lab import wait_for
 
 SIGNALS = {"hup": signal.SIGHUP, "int": signal.SIGINT, "quit": signal.SIGQUIT,
@@ -14,9 +15,10 @@ LIMIT_SECONDS = 30
 
 
 class SilentPeer:
-    """Accepts connections, or not even that, and never says a word."""
+    """Accepts connections, or not even that, and says nothing, or one byte a second."""
 
-    def __init__(self, lab, backlog_full=False):
+    def __init__(self, lab, backlog_full=False, drips=False):
+        self.drips = drips
         self.listener = socket.socket()
         self.listener.bind(("127.0.0.1", 0))
         self.listener.listen(0 if backlog_full else 16)
@@ -40,6 +42,17 @@ class SilentPeer:
         try:
             while True:
                 self.held.append(self.listener.accept()[0])
+                if self.drips:
+                    threading.Thread(target=self._drip, args=(self.held[-1],), daemon=True).start()
+        except OSError:
+            pass
+
+    @staticmethod
+    def _drip(connection):
+        try:
+            for byte in b"OKAY\0\0\0\0" + bytes(600):
+                connection.sendall(bytes([byte]))
+                time.sleep(1)
         except OSError:
             pass
 
@@ -101,6 +114,15 @@ def probing(lab):
     return daemon
 
 
+def byte_a_second(lab):
+    peer = SilentPeer(lab, drips=True)
+    lab.configure(peer.port)
+    daemon = lab.run_daemon(scale=None)
+    wait_for(lambda: peer.held, "a connection")
+    time.sleep(2 * lab.rng.random())
+    return daemon
+
+
 def handshake(lab):
     peer = SilentPeer(lab)
     lab.configure(peer.port, rec_encrypt=1)
@@ -109,9 +131,27 @@ def handshake(lab):
     return daemon
 
 
+def resolving(lab):
+    server = network.NameServer(lab)
+    lab.configure(9, rec_ip=network.NAME)
+    daemon = lab.run_daemon(scale=None, wrapper=server.wrapper)
+    server.wait_question()
+    return daemon
+
+
 def stalled(lab):
     lab.listen("--stall-after", 1, "--receive-buffer", 4096)
     lab.configure(lab.port, debug_level="info")
+    lab.source().append(60000)
+    daemon = lab.run_daemon(scale=None)
+    wait_for(lambda: lab.receivers[-1].count() > 0, "an event")
+    still_for(lab, 0.5)
+    return daemon
+
+
+def stalled_tls(lab):
+    lab.listen("--tls", "always", "--stall-after", 1, "--receive-buffer", 4096)
+    lab.configure(lab.port, debug_level="info", rec_encrypt=1)
     lab.source().append(60000)
     daemon = lab.run_daemon(scale=None)
     wait_for(lambda: lab.receivers[-1].count() > 0, "an event")
@@ -148,6 +188,6 @@ def row(state, sig):
             "arguments": {"state": state, "sig": sig}}
 
 
-STATES = (idle, sending, sending_confirmed, reconnect_pause, connecting, probing, handshake,
-          stalled, unanswered_group)
+STATES = (idle, sending, sending_confirmed, reconnect_pause, resolving, connecting, probing,
+          byte_a_second, handshake, stalled, stalled_tls, unanswered_group)
 ROWS = [row(state, sig) for state in STATES for sig in SIGNALS]

@@ -199,13 +199,14 @@ class Lab(DaemonTest):
         options.setdefault("scale", SCALE)
         return Daemon(self, **options)
 
-    def fault_environment(self, call, at, count=1, error=5, path=""):
+    def fault_environment(self, call, at, count=1, error=5, path="", after=""):
         preload = ":".join(str(preloadable(self.folder, name))
                            for name in ("libcall_shim.so", "libtime_shim.so"))
         return {"LD_PRELOAD": preload, "COLLECTOR_TIME_SCALE": str(SCALE),
                 "COLLECTOR_FAULT_CALL": call, "COLLECTOR_FAULT_AT": str(at),
                 "COLLECTOR_FAULT_COUNT": str(count), "COLLECTOR_FAULT_ERRNO": str(error),
-                "COLLECTOR_FAULT_PATH": path,
+                "COLLECTOR_FAULT_PATH": path, "COLLECTOR_FAULT_AFTER": after,
+                "COLLECTOR_FAULT_PROGRAM": "velmor_siem_collector",
                 "COLLECTOR_FAULT_REPORT": str(self.folder / "struck")}
 
     def memory_kib(self, daemon):

@@ -47,11 +47,11 @@ def judge(row, account, figures):
 
 def run_row(row, seed, cycles):
     """Runs one row with one seed. Returns (verdict, account, figures, seconds)."""
-    from lab import Account, Lab
+    from lab import Account
     begin = time.monotonic()
     account, figures = Account(), {}
     try:
-        with Lab(seed) as lab:
+        with row.lab(seed) as lab:
             figures = lab.figures
             if cycles:
                 figures["cycles"] = cycles
@@ -72,7 +72,9 @@ def run_row(row, seed, cycles):
 def main():
     arguments = parse_arguments()
     os.environ["COLLECTOR_BUILD"] = str(Path(arguments.build).resolve())
+    import network
     from scenarios import rows  # reads the environment
+    network.enter()
     table = [r for r in rows() if not arguments.only or
              any(r.name == o or r.name.startswith(o + ".") for o in arguments.only)]
     if arguments.list:

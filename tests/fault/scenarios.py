@@ -8,11 +8,15 @@ from dataclasses import dataclass, field
 
 import faults_call
 import faults_files
+import faults_host
 import faults_kill
+import faults_network
+import faults_policy
 import faults_program
 import faults_receiver
 import faults_rotation
 import faults_stop
+from lab import Lab
 
 
 @dataclass(frozen=True)
@@ -22,6 +26,7 @@ class Row:
     arguments: dict = field(default_factory=dict)
     lost: object = 0          # most events that may be missing; None = by design
     repeated: object = 0      # most that may come twice; a function of the lab's figures, or None
+    lab: object = Lab
 
 
 def per_kill(figures):
@@ -31,8 +36,8 @@ def per_kill(figures):
 
 def rows():
     table = []
-    for module in (faults_files, faults_rotation, faults_kill, faults_stop, faults_receiver,
-                   faults_call, faults_program):
+    for module in (faults_files, faults_host, faults_rotation, faults_kill, faults_policy,
+                   faults_stop, faults_receiver, faults_network, faults_call, faults_program):
         table += [Row(**row) for row in module.ROWS]
     names = [row.name for row in table]
     assert len(set(names)) == len(names), "two rows of one name"

@@ -244,6 +244,12 @@ class Daemon:
     def send(self, sig):
         self.process.send_signal(sig)
 
+    def hold(self):
+        """Until SIGCONT the daemon does and sees nothing."""
+        self.send(signal.SIGSTOP)
+        for state in Path(f"/proc/{self.pid}/task").glob("*/stat"):
+            wait_for(lambda s=state: s.read_text().rpartition(") ")[2][0] == "T", "a held thread")
+
     def wait(self, budget=BUDGET_SECONDS):
         """The exit status; a negative one names the signal that killed it."""
         try:

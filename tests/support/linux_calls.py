@@ -33,6 +33,10 @@ def unshare(kinds):
     _check(_libc.unshare(kinds), f"unshare {kinds:#x}")
 
 
+def enter_namespace(descriptor, kind):
+    _check(_libc.setns(descriptor, kind), f"setns {kind:#x}")
+
+
 def mount(source, target, kind, flags, data=None):
     words = [word.encode() if word is not None else None for word in (source, target, kind, data)]
     _check(_libc.mount(words[0], words[1], words[2], ctypes.c_ulong(flags), words[3]),
