@@ -199,6 +199,8 @@ class Documents(unittest.TestCase):
                     with self.subTest(document=document.name, row=row):
                         self.assertTrue([one for one in listed if one.startswith(row)])
         self.assertGreater(seen, 3)
+        guarantees = (ROOT / "docs" / "guarantees.md").read_text()
+        self.assertEqual(re.findall(r"all of its (\d+) scenarios", guarantees), [str(len(listed))])
 
 
 if __name__ == "__main__":
