@@ -510,6 +510,30 @@ TEST(TlsOptions, AUnitIsOneRecordWhereItFits) {
     }
 }
 
+// What one handle demands is demanded of its own peer only, before, during and after.
+TEST(TlsOptions, EachHandleHasAContextOfItsOwn) {
+    tls::server_log logs[3];
+    collected got[3];
+    fake::receiver old(tls::over_tls(serving(ids().stranger, TLS1_VERSION, TLS1_VERSION), &logs[0],
+                                     got[0].script()));
+    fake::receiver known(tls::over_tls(serving(ids().server), &logs[1], got[1].script()));
+    fake::receiver stranger(tls::over_tls(serving(ids().stranger), &logs[2], got[2].script()));
+    const conn_ptr before = open_tls(old.port(), 1);
+    const conn_ptr strict = make_conn(known.port(), 1), refused = make_conn(stranger.port(), 1);
+    ASSERT_EQ(set_options(strict.get(), {"1.3"}), 0);
+    ASSERT_EQ(set_options(refused.get(), {"1.2"}), 0);
+    ASSERT_EQ(RUVOpen(strict.get()), 0) << text_of(strict.get(), ruverrno);
+    EXPECT_EQ(RUVOpen(refused.get()), -1);
+    const conn_ptr after = open_tls(old.port(), 1);
+    EXPECT_GT(send_text(before.get(), "a"), 0);
+    EXPECT_EQ(got[0].wait(2), "a|");
+    EXPECT_GT(send_text(strict.get(), "b"), 0);
+    EXPECT_EQ(got[1].wait(2), "b|");
+    EXPECT_GT(send_text(after.get(), "c"), 0);
+    EXPECT_EQ(got[0].wait(4), "a|c|");
+    EXPECT_EQ(got[2].wait(0), "");
+}
+
 TEST(TlsOptions, AGroupIsConfirmed) {
     tls::server_log log;
     collected got;
