@@ -63,11 +63,16 @@ class Account:
 
 
 def account_for(sources, messages):
-    """Compares what arrived with what was written, number by number."""
+    """Compares what arrived with what was written, number by number.
+
+    `messages` are texts, each with the connection that it came over: what a killed daemon's kernel
+    still holds may arrive beside what the next daemon sends, so that each connection has an order
+    of its own.
+    """
     result = Account(written=sum(s.written for s in sources), arrived=len(messages))
     counts = {s.name: [0] * (s.written + 1) for s in sources}
-    newest = {s.name: 0 for s in sources}
-    for text in messages:
+    newest = {}
+    for text, connection in messages:
         match = EVENT.match(text)
         body = text[:match.start(4) - 1] if match else ""
         if not match or f"{zlib.crc32(body.encode()):08x}" != match[4] or match[1] not in counts:
@@ -75,6 +80,7 @@ def account_for(sources, messages):
             result.note(f"torn: {text[:120]!r}")
             continue
         name, number = match[1], int(match[2])
+        stream = (name, connection)
         seen = counts[name]
         if number >= len(seen):
             result.torn += 1
@@ -83,10 +89,10 @@ def account_for(sources, messages):
         seen[number] += 1
         if seen[number] > 1:
             result.repeated += 1
-        elif number < newest[name]:
+        elif number < newest.get(stream, 0):
             result.disordered += 1
-            result.note(f"late: {name} {number} after {newest[name]}")
-        newest[name] = max(newest[name], number)
+            result.note(f"late: {name} {number} after {newest[stream]}")
+        newest[stream] = max(newest.get(stream, 0), number)
     for name, seen in counts.items():
         missing = [n for n in range(1, len(seen)) if seen[n] == 0]
         result.lost += len(missing)
@@ -124,6 +130,7 @@ class Lab(DaemonTest):
         self.seed = seed
         self.rng = random.Random(seed)
         self.sources, self.figures = [], {}
+        self.looked_at, self.highest = {}, {}  # what arrived() knows of the Receivers' events
         self.port = 0
         self.options = ()
 
@@ -175,17 +182,21 @@ class Lab(DaemonTest):
         return receiver
 
     def messages(self):
-        return [text_of(e) for receiver in self.receivers for e in list(receiver.events)]
+        return [(text_of(event), (turn, event["connection"]))
+                for turn, receiver in enumerate(self.receivers)
+                for event in list(receiver.events)]
 
     def arrived(self, source):
-        """The highest number of a source that has arrived; looked for from the newest back."""
-        prefix = source.name + " "
-        for receiver in reversed(self.receivers):
-            for event in reversed(receiver.events):
-                text = text_of(event)
-                if text.startswith(prefix):
-                    return int(text[len(prefix):len(prefix) + 7])
-        return 0
+        """The highest number of a source that has arrived."""
+        for receiver in self.receivers:
+            known = self.looked_at.get(receiver, 0)
+            for event in receiver.events[known:]:
+                known += 1
+                match = EVENT.match(text_of(event))
+                if match:
+                    self.highest[match[1]] = max(self.highest.get(match[1], 0), int(match[2]))
+            self.looked_at[receiver] = known
+        return self.highest.get(source.name, 0)
 
     def wait_last(self, budget=120):
         """Waits until the last event of every source has arrived."""
