@@ -190,6 +190,15 @@ void delete_old_log(const char *path) {
     if (S_ISREG(info.st_mode) || link) unlink(path);
 }
 
+// True for "/dev/stderr" and its like, which lead into /proc: the link is the host's own, also
+// while it leads to a plain file.
+bool names_a_stream(const char *path) {
+    constexpr std::string_view kDescriptors = "/proc/";
+    char target[kDescriptors.size()];
+    const ssize_t size = readlink(path, target, sizeof target);
+    return size > 0 && std::string_view(target, static_cast<size_t>(size)) == kDescriptors;
+}
+
 bool safe_in_shell(std::string_view path) {
     constexpr std::string_view kPlain =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+,:@%=";
@@ -269,10 +278,11 @@ void logger_init(uint64_t level, const wchar_t *log, int log_file) {
     log_path = wcsdup(log ? log : kDefaultLogPath);
     mbs_log_path = wstrtostr(log_path);
     if (!mbs_log_path) return;
+    setvbuf(stderr, nullptr, _IOLBF, 0);
+    if (names_a_stream(mbs_log_path)) return;
     create_directory_of(mbs_log_path);
     delete_old_log(mbs_log_path);
     reopen_failed = !reopen_log(mbs_log_path);
-    setvbuf(stderr, nullptr, _IOLBF, 0);
     path_set.store(true, std::memory_order_relaxed);
 }
 

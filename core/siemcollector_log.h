@@ -16,8 +16,8 @@ enum : uint64_t { kLogError = 1, kLogInfo = 2, kLogWarn = 4, kLogDebug = 8, kLog
 /// Sets the mask and the destination. With `log_file` 0 messages go to standard output. Otherwise
 /// they go to the file `log` (null: "/var/log/velmor/siem_collector.log"): its directory is
 /// created, an existing file is deleted, and standard error is opened onto it. Only a regular
-/// file is ever deleted or emptied (of a link, the link goes); where the path cannot be opened,
-/// messages go to where standard error pointed before.
+/// file is ever deleted or emptied (of a link, the link goes); where the path cannot be opened, or
+/// names a stream as "/dev/stderr" does, messages go to where standard error pointed before.
 void logger_init(uint64_t level, const wchar_t *log, int log_file);
 
 /// Writes one message when its level is in the mask: time stamp, level name, text and a line feed.

@@ -374,6 +374,23 @@ TEST_F(LogFile, ALinkGivesWayAndItsTargetStays) {
     EXPECT_EQ(text(), "(INFO) hello\n");
 }
 
+// As "/dev/stderr" does while standard error is a plain file; anybody else's link to it would go.
+TEST_F(LogFile, ALinkThatNamesAStreamStays) {
+    const std::string behind = dir / "behind";
+    path = dir / "stream";
+    ASSERT_EQ(symlink("/proc/self/fd/2", path.c_str()), 0);
+    logged([&] {
+        if (!freopen(behind.c_str(), "w", stderr)) _exit(2);
+        logger_init(7, wide().c_str(), 1);
+        logger(kLogInfo, "hello");
+        if (truncate(behind.c_str(), kLimit) != 0) _exit(3);
+        logger(kLogInfo, "beyond the limit");
+    });
+    EXPECT_TRUE(std::filesystem::is_symlink(path));
+    EXPECT_EQ(without_stamps(read_file(behind)).substr(0, 13), "(INFO) hello\n");
+    EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
+}
+
 TEST_F(LogFile, AFifoIsNeitherDeletedNorWaitedFor) {
     path = dir / "fifo.log";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
