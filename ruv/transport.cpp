@@ -288,6 +288,7 @@ int libruv_wait_readable(RUVConn *conn, int budget_ms) {
 
 int libruv_check_peer(RUVConn *conn) {
     if (conn->ssl_conn && ruv::tls_pending(conn)) return 0;
+    if (conn->ssl_conn && ruv::tls_ended(conn)) return fail_system(EPIPE);
     char byte;
     const ssize_t got = recv(conn->skt, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     if (got == 0) return fail_system(EPIPE);

@@ -417,6 +417,10 @@ bool tls_pending(const RUVConn *conn) {
     return SSL_pending(conn->ssl_conn) > 0;
 }
 
+bool tls_ended(const RUVConn *conn) {
+    return (SSL_get_shutdown(conn->ssl_conn) & SSL_RECEIVED_SHUTDOWN) != 0;
+}
+
 int tls_check_peer(RUVConn *conn) {
     char byte;
     ERR_clear_error();

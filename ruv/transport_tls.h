@@ -29,6 +29,9 @@ int tls_read_segment(RUVConn *conn, iovec *segment);
 /// @return true when decrypted bytes are waiting, which no poll on the socket would show.
 bool tls_pending(const RUVConn *conn);
 
+/// @return true when the peer has ended the session, which it may do long before the connection.
+bool tls_ended(const RUVConn *conn);
+
 /// After the idle socket became readable: @return 0 when the peer is still there, else -1 with
 /// error 3 or 6.
 int tls_check_peer(RUVConn *conn);

@@ -94,6 +94,7 @@ struct server_options {
     const identity *self = nullptr;
     int min_version = TLS1_VERSION, max_version = TLS1_3_VERSION;
     const identity *client_authority = nullptr;  // set: a client certificate is required
+    bool lingers = false;  // ends the session, then waits for the client to close the connection
 };
 
 // What the front saw. Lives as long as the test.
@@ -181,6 +182,7 @@ inline void front(fake::peer &p, const server_options &options, server_log *log,
                 shutdown(fds[1], SHUT_RDWR);
             });
             pump(session, fds[0], log);
+            if (options.lingers) p.drain();
             shutdown(fds[0], SHUT_RDWR);
             inner.join();
             ::close(fds[0]);

@@ -194,6 +194,26 @@ TEST(Tls, AVanishedPeerIsAnErrorAndNoSignal) {
     EXPECT_EQ(ruverrno, 6);
 }
 
+// What ends a session is read once; the end of the stream may come later, or never.
+TEST(Tls, AnEndedSessionStaysEnded) {
+    tls::server_log log;
+    tls::server_options options = serving(ids().stranger);
+    options.lingers = true;
+    fake::receiver r(tls::over_tls(options, &log, [](fake::peer &p) {
+        const fake::version6 v;
+        fake::serve_one(p, v);
+        fake::serve_one(p, v);
+    }));
+    conn_ptr conn = open_tls(r.port(), 1);
+    for (int i = 0; i < 3000 && RUVCheckPeer(conn.get()) == 0; ++i) usleep(10'000);
+    for (int i = 0; i < 3; ++i) {
+        clear_error();
+        EXPECT_EQ(RUVCheckPeer(conn.get()), -1);
+        EXPECT_EQ(ruverrno, 3);
+        EXPECT_EQ(ruverrno2, EPIPE);
+    }
+}
+
 TEST(Tls, AnInterruptEndsABlockedRead) {
     tls::server_log log;
     fake::receiver r(tls::over_tls(serving(ids().stranger), &log, fake::serve()));
